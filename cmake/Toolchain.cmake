@@ -1,0 +1,28 @@
+# Compiler flags of every target: warnings, hardening, sanitizers. Included once, by the top folder.
+
+option(NODELINK_WERROR "Treat compiler warnings as errors" ON)
+option(NODELINK_SANITIZE "Build with address, leak and undefined-behaviour sanitizers" OFF)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(NODELINK_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+# Log lines name their source file; the build machine's folders have no business in the program.
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+add_compile_options(-fstack-protector-strong)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+if(NODELINK_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_options(-D_FORTIFY_SOURCE=2)
+endif()
