@@ -1,0 +1,36 @@
+// JSON texts, files and members. Nothing here throws on bad input: servers and files are not
+// trusted.
+#pragma once
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+
+namespace nodelink::json {
+
+// Parses the whole of `text` into `value`. False, with `value` null, when it is not one JSON value
+// or is nested too deep to be read.
+[[nodiscard]] bool fromString(const std::string& text, Json::Value& value);
+
+// Parses the whole file `path`; false also when it cannot be read or is larger than 1 MiB.
+[[nodiscard]] bool fromFile(const std::string& path, Json::Value& value);
+
+// One line without spaces, UTF-8 as it is, no line end.
+std::string toString(const Json::Value& value);
+
+// Replaces the file `path` by the indented text of `value`: atomically, mode 0600. False, with the
+// old file as it was, when that fails.
+[[nodiscard]] bool toFile(const Json::Value& value, const std::string& path);
+
+// The member `name` of `object` as text: a string, or the text of a number or boolean. Nothing when
+// `object` is no object, or the member is missing, null, an object or a list.
+std::optional<std::string> TextMember(const Json::Value& object, const char* name);
+
+// The member as a boolean: a boolean, or a number (true unless 0). Nothing in any other case.
+std::optional<bool> BoolMember(const Json::Value& object, const char* name);
+
+// The member if it is an object, else null.
+const Json::Value* ObjectMember(const Json::Value& object, const char* name);
+
+}  // namespace nodelink::json
