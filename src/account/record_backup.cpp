@@ -1,0 +1,49 @@
+#include "account/record_backup.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "account/privilege_guard.h"
+#include "account/record_keys.h"
+#include "base/atomic_replace.h"
+#include "base/read_file.h"
+#include "core/error_code.h"
+#include "core/log.h"
+#include "core/zomi_exception.h"
+
+namespace nodelink {
+namespace {
+
+constexpr std::size_t kLargestRecord = 1024 * 1024;
+constexpr mode_t kMode = 0600;
+
+bool RemoveRecord() { return unlink(record::kPath) == 0 || errno == ENOENT; }
+
+}  // namespace
+
+RecordBackup::RecordBackup() {
+  bool readable = false;
+  const bool privileged = RunPrivileged(Here(), [&] {
+    existed_ = base::ReadFile(record::kPath, kLargestRecord, content_);
+    readable = existed_ || errno == ENOENT;
+  });
+  if (!privileged || !readable) {
+    throw ZomiException(kSystemError);
+  }
+}
+
+bool RecordBackup::Restore() const {
+  bool restored = false;
+  const bool privileged = RunPrivileged(Here(), [&] {
+    restored =
+        existed_ ? base::AtomicReplace(record::kPath, content_, kMode, 0, 0) : RemoveRecord();
+    if (!restored) {
+      LogError(Here(), "Failed to restore %s, reason=%s", record::kPath, std::strerror(errno));
+    }
+  });
+  return privileged && restored;
+}
+
+}  // namespace nodelink

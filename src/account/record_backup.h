@@ -1,0 +1,23 @@
+// The account record as it was before a flow that writes several keys, to put it back if one fails.
+#pragma once
+
+#include <string>
+
+namespace nodelink {
+
+class RecordBackup {
+ public:
+  // Reads the record as it is now. Throws ZomiException with kSystemError when privileges cannot be
+  // raised or the record cannot be read.
+  RecordBackup();
+
+  // Puts the record back, byte for byte, or removes it when there was none. False, logged, when
+  // that fails.
+  bool Restore() const;
+
+ private:
+  bool existed_ = false;
+  std::string content_;
+};
+
+}  // namespace nodelink
