@@ -1,0 +1,25 @@
+#include "platform/zomi_plugin_manager.h"
+
+#include "core/log.h"
+#include "klib/plugin.h"
+
+namespace nodelink {
+namespace {
+
+void RunPluginAction(const std::string& action, unsigned int number) {
+  KLIBPLUGIN* plugin = nullptr;
+  if (KLIBPluginSDKInit("zomi", action.c_str(), &plugin, &plugin) < 0) {
+    LogError(Here(), "Failed to init plugin: %s", action.c_str());
+  } else if (KLIBPluginAction(number, plugin) < 0) {
+    LogError(Here(), "Failed to do plugin %s, action=%u", action.c_str(), number);
+  }
+  KLIBPluginExit(plugin);
+}
+
+}  // namespace
+
+void RunPluginAction4(const std::string& action) { RunPluginAction(action, 4); }
+
+void RunPluginAction5(const std::string& action) { RunPluginAction(action, 5); }
+
+}  // namespace nodelink
