@@ -1,0 +1,259 @@
+#include "deviceapi/zomi_account_query_info.h"
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "account/account_data.h"
+#include "account/record_backup.h"
+#include "account/user.h"
+#include "account/zomi_config_remove.h"
+#include "core/error_code.h"
+#include "core/json.h"
+#include "core/log.h"
+#include "core/zomi_exception.h"
+#include "pkce/file_lock.h"
+
+namespace nodelink {
+namespace {
+
+constexpr char kPath[] = "device/api/user/query";
+constexpr char kLockName[] = "query_info";
+constexpr unsigned int kLockTimeout = 30;         // seconds
+constexpr std::uint64_t kNeverAskBelow = 300;     // seconds
+constexpr std::uint64_t kCacheAnswersTo = 86399;  // seconds
+
+// A text that may be missing; its place in the record is `key`.
+struct TextMember {
+  const char* name;
+  const TextKey& key;
+};
+
+struct FlagMember {
+  const char* name;
+  const FlagKey& key;
+};
+
+// The members that every answer must have, in the order in which they are written.
+constexpr std::array kTextMembers = {
+    TextMember{"email", record::kZomiId},
+    TextMember{"full_name", record::kFullName},
+    TextMember{"country", record::kCountry},
+    TextMember{"timezone", record::kTimezone},
+    TextMember{"notify_language", record::kNotifyLanguage},
+};
+constexpr std::array kFlagMembers = {
+    FlagMember{"activated", record::kActivated},
+    FlagMember{"disabled", record::kDisabled},
+    FlagMember{"enews", record::kEnews},
+    FlagMember{"enews_local_promotion", record::kEnewsLocalPromotion},
+    FlagMember{"critical_release", record::kCriticalRelease},
+};
+
+// What the server says of the account, read from a whole answer.
+struct Profile {
+  std::array<std::string, kTextMembers.size()> texts;
+  std::array<bool, kFlagMembers.size()> flags{};
+  std::string critical_version_list;    // names of the members that are true
+  std::string critical_version_domain;  // names of all members
+  bool realname_validation_pass = false;
+  std::optional<std::string> report_cron_timestring;
+};
+
+// Seconds between now and then, whichever comes first: a time in the future is as wrong as one long
+// ago.
+std::uint64_t Age(std::int64_t then) {
+  const std::int64_t now = std::time(nullptr);
+  const auto distance = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(then);
+  return now >= then ? distance : 0 - distance;
+}
+
+bool MustAskServer(const AccountData& cached, Refresh refresh) {
+  const std::uint64_t age = Age(cached.last_query_time);
+  if (age < kNeverAskBelow) {
+    return false;
+  }
+  return refresh == Refresh::kYes || age > kCacheAnswersTo;
+}
+
+// Asks the account server; `text` receives its answer.
+int Ask(const AccountData& cached, Quick quick, std::string& text) {
+  std::string host;
+  std::string serial;
+  if (FindAccountHost(Here(), host) < 0 || ReadSerialNumber(Here(), serial) < 0) {
+    return -1;
+  }
+  const SzHash form = MakeForm(
+      Here(),
+      {{"id", cached.zomi_id_serial}, {"auth_key", cached.hs_auth_key}, {"serial_no", serial}});
+  return form ? SendForm(Here(), host, kPath, form.get(), quick, text) : -1;
+}
+
+// `first` says that no name stands before it: a name may be empty, so the list's length does not
+// tell.
+void AppendName(std::string& list, const std::string& name, bool& first) {
+  list += first ? "" : ",";
+  list += name;
+  first = false;
+}
+
+// False when the list is missing or one of its flags is no boolean.
+bool ReadCriticalVersions(const Json::Value& answer, Profile& profile) {
+  const Json::Value* versions = json::ObjectMember(answer, "critical_version_list");
+  if (versions == nullptr) {
+    return false;
+  }
+  bool first_of_all = true;
+  bool first_that_is_true = true;
+  for (auto version = versions->begin(); version != versions->end(); ++version) {
+    if (!version->isBool()) {
+      return false;
+    }
+    AppendName(profile.critical_version_domain, version.name(), first_of_all);
+    if (version->asBool()) {
+      AppendName(profile.critical_version_list, version.name(), first_that_is_true);
+    }
+  }
+  return true;
+}
+
+// Nothing when a member that every answer must have is missing.
+std::optional<Profile> ReadProfile(const Json::Value& answer) {
+  Profile profile;
+  for (std::size_t index = 0; index < kTextMembers.size(); ++index) {
+    const auto text = json::TextMember(answer, kTextMembers[index].name);
+    if (!text) {
+      return std::nullopt;
+    }
+    profile.texts[index] = *text;
+  }
+  for (std::size_t index = 0; index < kFlagMembers.size(); ++index) {
+    const auto flag = json::BoolMember(answer, kFlagMembers[index].name);
+    if (!flag) {
+      return std::nullopt;
+    }
+    profile.flags[index] = *flag;
+  }
+  profile.realname_validation_pass =
+      json::BoolMember(answer, "realname_validation_pass").value_or(false);
+  profile.report_cron_timestring = json::TextMember(answer, "report_cron_timestring");
+  return ReadCriticalVersions(answer, profile) ? std::optional(profile) : std::nullopt;
+}
+
+int LogOut() {
+  LogError(Here(), "Logged out Zomi due to authentication failure.");
+  (void)ZomiConfigRemove();  // a failure is logged there; the next query comes back to it
+  return Fail(kNoAccount);
+}
+
+// Judges the server's answer; `profile` is filled only for a good one.
+int Judge(const std::string& text, Profile& profile) {
+  Json::Value answer;
+  if (ParseAnswer(Here(), text, answer) < 0) {
+    return -1;
+  }
+  const auto word = json::TextMember(answer, "code");
+  if (word == "badauth") {
+    return LogOut();
+  }
+  const auto read = ReadProfile(answer);
+  if (!word || !read) {
+    LogError(Here(), "Server returned insufficient data. resp=%s", text.c_str());
+    return Fail(kBadResponse);
+  }
+  SetServerStatusError(word->c_str());
+  if (LastErrorCode() != kSuccess) {
+    LogError(Here(), "Failed to query %s, resp=%s, code=%u", kPath, text.c_str(), LastErrorCode());
+    return -1;
+  }
+  profile = *read;
+  return 0;
+}
+
+void WriteProfile(const Profile& profile) {
+  User user;
+  for (std::size_t index = 0; index < kTextMembers.size(); ++index) {
+    user.Set(kTextMembers[index].key, profile.texts[index]);
+  }
+  for (std::size_t index = 0; index < kFlagMembers.size(); ++index) {
+    user.Set(kFlagMembers[index].key, profile.flags[index]);
+  }
+  user.Set(record::kCriticalVersionList, profile.critical_version_list);
+  user.Set(record::kCriticalVersionDomain, profile.critical_version_domain);
+  user.Set(record::kRealnameValidationPass, profile.realname_validation_pass);
+  if (profile.report_cron_timestring) {
+    user.Set(record::kReportCronTimestring, *profile.report_cron_timestring);
+  }
+  user.Set(record::kLastQueryTime, static_cast<std::int64_t>(std::time(nullptr)));
+}
+
+// All of the profile or none of it.
+void StoreProfile(const Profile& profile) {
+  const RecordBackup backup;
+  try {
+    WriteProfile(profile);
+  } catch (const ZomiException&) {
+    backup.Restore();
+    throw;
+  }
+}
+
+int Store(const Profile& profile) {
+  try {
+    StoreProfile(profile);
+    return 0;
+  } catch (const ZomiException& failure) {
+    LogError(Here(), "Failed to set user: %s", failure.what());
+    return Fail(failure.code());
+  }
+}
+
+int FillOutput(Json::Value& output) {
+  try {
+    const User user;
+    output["auth_key"] = user.Get(record::kHsAuthKey);
+    for (const TextMember& member : kTextMembers) {
+      output[member.name] = user.Get(member.key);
+    }
+    for (const FlagMember& member : kFlagMembers) {
+      output[member.name] = user.Get(member.key);
+    }
+    return 0;
+  } catch (const ZomiException& failure) {
+    LogError(Here(), "Failed to get user: %s", failure.what());
+    return Fail(failure.code());
+  }
+}
+
+int RefreshRecord(const AccountData& cached, Quick quick) {
+  std::string answer;
+  Profile profile;
+  if (Ask(cached, quick, answer) < 0 || Judge(answer, profile) < 0) {
+    return -1;
+  }
+  return Store(profile);
+}
+
+}  // namespace
+
+int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick) {
+  // One query at a time: those that wait find the record fresh, and no two interleave their writes.
+  FileLock lock(AccountLockPath(kLockName), 0);
+  if (!lock.Lock(kLockTimeout)) {
+    LogError(Here(), "Failed to lock file: %s", lock.path().c_str());
+    return -1;
+  }
+  SetLastErrorCode(kSuccess);
+  AccountData cached;
+  if (ReadAccountData(cached) < 0) {
+    return Fail(kNoAccount);
+  }
+  if (MustAskServer(cached, refresh) && RefreshRecord(cached, quick) < 0) {
+    return -1;
+  }
+  return FillOutput(output);
+}
+
+}  // namespace nodelink
