@@ -1,0 +1,225 @@
+#include "pkce/pkce_client.h"
+
+#include <array>
+#include <boost/lexical_cast.hpp>
+#include <ctime>
+#include <fstream>
+#include <utility>
+
+#include "core/error_code.h"
+#include "core/include/internal/json_utils.h"
+#include "core/include/internal/string_utils.h"
+#include "core/json.h"
+#include "core/log.h"
+#include "core/zomi_exception.h"
+#include "pkce/file_lock.h"
+#include "pkce/http_request.h"
+#include "platform/hos_service.h"
+
+namespace nodelink {
+
+class PkceClientImpl {
+ public:
+  explicit PkceClientImpl(std::string name) : name_(std::move(name)) {}
+
+  void SetConfig(const Json::Value& config) { config_ = config; }
+  bool HasToken() const;
+  std::string GetToken(const char* key);
+  void PkceLogin(const std::string& code, const std::string& code_verifier,
+                 const std::string& redirect_uri);
+
+ private:
+  std::string GetTokenPath() const;
+  std::string ReadTokenValue(const std::string& key) const;
+  int GetExpireTime() const;
+  bool IsExpired() const;
+  void SaveToken(const Json::Value& response) const;
+  void RenewToken();
+  std::string LockPath(const char* suffix) const { return AccountLockPath(name_ + suffix); }
+  std::string ConfigText(const char* name) const;
+  HttpAnswer Send(HttpForm form) const;
+
+  std::string name_;
+  Json::Value config_;
+};
+
+namespace {
+
+constexpr char kFolder[] = "/usr/kivo/etc/veltrix-account/private/";
+constexpr unsigned int kLockTimeout = 30;  // seconds
+constexpr int kOk = 200;
+constexpr std::size_t kLoggedTokenLength = 10;
+
+// The places of these lines in the log are fixed: administrators' filters know them.
+constexpr LogSite kExchangeSite{"pkce_client", 102};
+constexpr LogSite kNoObjectSite{"pkce_client", 131};
+constexpr LogSite kRefusedSite{"pkce_client", 136};
+constexpr LogSite kTokenMissingSite{"pkce_client", 141};
+
+// Held until the end of its scope.
+class TokenLock {
+ public:
+  explicit TokenLock(const std::string& path) : lock_(path, 0) {
+    if (!lock_.Lock(kLockTimeout)) {
+      throw ZomiException(kNoToken, FormatString("Failed to lock file: %s", lock_.path()));
+    }
+  }
+
+ private:
+  FileLock lock_;
+};
+
+bool HasAllTokens(const Json::Value& response) {
+  constexpr std::array kTokens = {"access_token", "id_token", "refresh_token"};
+  for (const char* token : kTokens) {
+    if (!json::TextMember(response, token)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+[[noreturn]] void ThrowLogged(LogSite site, ErrorCode code, const std::string& message) {
+  LogError(site, "%s", message.c_str());
+  throw ZomiException(code, message);
+}
+
+void CheckRenewal(const HttpAnswer& answer, const Json::Value& response,
+                  const std::string& refresh_token) {
+  if (!response.isObject()) {
+    ThrowLogged(kNoObjectSite, kBadResponse,
+                FormatString("Failed to parse renew token resp, code=%d, resp=%s", answer.status,
+                             answer.text));
+  }
+  if (answer.status != kOk) {
+    ThrowLogged(kRefusedSite, kAuthFailed,
+                FormatString("Failed to renew token, refresh_token is expired or revoked, "
+                             "code=%d, resp=%s",
+                             answer.status, answer.text));
+  }
+  if (!HasAllTokens(response)) {
+    LogError(kTokenMissingSite, "Failed to RenewToken by [%s], resp=%s",
+             refresh_token.substr(0, kLoggedTokenLength).c_str(),
+             response.toStyledString().c_str());
+    throw ZomiException(kNoToken, FormatString("Failed to parse renew token resp, code=%d, resp=%s",
+                                               answer.status, answer.text));
+  }
+}
+
+}  // namespace
+
+std::string PkceClientImpl::GetTokenPath() const { return kFolder + name_ + "_token.json"; }
+
+bool PkceClientImpl::HasToken() const { return std::ifstream(GetTokenPath()).is_open(); }
+
+std::string PkceClientImpl::ConfigText(const char* name) const {
+  return json::TextMember(config_, name).value_or("");
+}
+
+std::string PkceClientImpl::ReadTokenValue(const std::string& key) const {
+  if (!HasToken()) {
+    throw ZomiException(kNoToken, "Failed to find an existed token file");
+  }
+  Json::Value tokens;
+  if (!json::fromFile(GetTokenPath(), tokens)) {
+    throw ZomiException(kWrongJsonFormat);
+  }
+  const auto value = json::TextMember(tokens, key.c_str());
+  if (!value) {
+    throw ZomiException(kNoToken, "Failed to get key: " + key);
+  }
+  return *value;
+}
+
+int PkceClientImpl::GetExpireTime() const {
+  const int created_at = boost::lexical_cast<int>(ReadTokenValue("created_at"));
+  return created_at + boost::lexical_cast<int>(ReadTokenValue("expires_in"));
+}
+
+bool PkceClientImpl::IsExpired() const { return GetExpireTime() < std::time(nullptr); }
+
+std::string PkceClientImpl::GetToken(const char* key) {
+  const TokenLock lock(LockPath("_get_token"));
+  if (IsExpired()) {
+    RenewToken();
+  }
+  return ReadTokenValue(key);
+}
+
+void PkceClientImpl::SaveToken(const Json::Value& response) const {
+  const TokenLock lock(LockPath("_save_token"));
+  Json::Value tokens = response;
+  tokens["created_at"] = static_cast<Json::Int64>(std::time(nullptr));
+  SaveJson(GetTokenPath(), tokens);
+}
+
+HttpAnswer PkceClientImpl::Send(HttpForm form) const {
+  return Post({.url = ConfigText("token_endpoint"),
+               .user_agent = HosService::GetUserAgent(),
+               .header_sets = {{{"X-Client-ID", ConfigText("client_id")}}},
+               .form = std::move(form)});
+}
+
+void PkceClientImpl::PkceLogin(const std::string& code, const std::string& code_verifier,
+                               const std::string& redirect_uri) {
+  const TokenLock lock(LockPath("_exchange_token"));
+  const HttpAnswer answer = Send({{"grant_type", "authorization_code"},
+                                  {"client_id", ConfigText("client_id")},
+                                  {"redirect_uri", redirect_uri},
+                                  {"code", code},
+                                  {"code_verifier", code_verifier}});
+  if (answer.error_code != 0) {
+    throw ZomiException(kBadResponse,
+                        FormatString("Failed to exchange token, reqcode=%d, reqmsg=%s",
+                                     answer.error_code, answer.error_message));
+  }
+  if (answer.status != kOk) {
+    throw ZomiException(kBadResponse, FormatString("Failed to exchange token, code=%d, resp=%s",
+                                                   answer.status, answer.text));
+  }
+  Json::Value response;
+  ParseJson(answer.text, response);
+  if (!HasAllTokens(response)) {
+    LogError(kExchangeSite, "Failed to PkceLogin by [%s|%s], resp=%s", code.c_str(),
+             code_verifier.c_str(), answer.text.c_str());
+    throw ZomiException(kNoToken,
+                        FormatString("Failed to parse exchange authkey resp, code=%d, resp=%s",
+                                     answer.status, answer.text));
+  }
+  SaveToken(response);
+}
+
+void PkceClientImpl::RenewToken() {
+  const TokenLock lock(LockPath("_renew_token"));
+  const std::string refresh_token = ReadTokenValue("refresh_token");
+  const HttpAnswer answer = Send({{"grant_type", "refresh_token"},
+                                  {"refresh_token", refresh_token},
+                                  {"client_id", ConfigText("client_id")}});
+  if (answer.error_code != 0) {
+    throw ZomiException(kBadResponse, FormatString("Failed to renew token, reqcode=%d, reqmsg=%s",
+                                                   answer.error_code, answer.error_message));
+  }
+  Json::Value response;
+  ParseJson(answer.text, response);
+  CheckRenewal(answer, response, refresh_token);
+  SaveToken(response);
+}
+
+PkceClient::PkceClient(const std::string& name) : impl_(std::make_unique<PkceClientImpl>(name)) {}
+
+PkceClient::~PkceClient() = default;
+
+void PkceClient::SetConfig(const Json::Value& config) { impl_->SetConfig(config); }
+
+bool PkceClient::HasToken() const { return impl_->HasToken(); }
+
+std::string PkceClient::GetAccessToken() { return impl_->GetToken("access_token"); }
+
+std::string PkceClient::GetIdToken() { return impl_->GetToken("id_token"); }
+
+void PkceClient::PkceLogin(const std::string& code, const std::string& code_verifier,
+                           const std::string& redirect_uri) {
+  impl_->PkceLogin(code, code_verifier, redirect_uri);
+}
+
+}  // namespace nodelink
