@@ -1,0 +1,294 @@
+#include "pkce/account_pkce_service.h"
+
+#include <array>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <ctime>
+#include <utility>
+#include <vector>
+
+#include "account/account_link.h"
+#include "account/record_backup.h"
+#include "account/server_info.h"
+#include "account/user.h"
+#include "account/zomi_config_remove.h"
+#include "core/error_code.h"
+#include "core/include/internal/json_utils.h"
+#include "core/include/internal/string_utils.h"
+#include "core/json.h"
+#include "core/log.h"
+#include "core/zomi_exception.h"
+#include "deviceapi/zomi_account_query_info.h"
+#include "kivo/log.h"
+#include "kivo/pkce.h"
+#include "klibc/exec.h"
+#include "pkce/http_request.h"
+#include "pkce/pkce_config.h"
+#include "platform/hos_service.h"
+#include "platform/report_job.h"
+#include "platform/zomi_plugin_manager.h"
+
+namespace nodelink {
+namespace {
+
+constexpr char kExchangePath[] = "/oauth2/api/v1/device/core/authkey/exchange";
+constexpr char kGrantPath[] = "/migration/api/v1/device/core/authorization_code/grant";
+constexpr char kLogoutPath[] = "/device/api/logout";
+constexpr char kClientName[] = "login";
+constexpr char kLoginAction[] = "zomi/login";
+constexpr char kClearTokens[] = "/bin/rm -f /usr/kivo/etc/veltrix-account/private/*_token.json";
+constexpr int kExecFlags = 187;
+constexpr int kLogType = 2;
+constexpr int kLogLevel = 1;
+constexpr unsigned int kLoggedOutEvent = 0x13A00002;
+constexpr int kOk = 200;
+constexpr int kUnauthorized = 401;
+
+// The place of this line in the log is fixed: administrators' filters know it.
+constexpr LogSite kExchangeSite{"account_pkce_service", 107};
+
+struct CodePair {
+  std::string challenge;
+  std::string verifier;
+};
+
+CodePair MakeCodePair() {
+  std::array<char, 44> challenge{};
+  std::array<char, 44> verifier{};
+  if (kivo_challenge_verifier_no_save(challenge.data(), challenge.size(), verifier.data(),
+                                      verifier.size()) < 0) {
+    throw ZomiException(kSystemError, "Failed to get code challenge & verifier");
+  }
+  return {challenge.data(), verifier.data()};
+}
+
+// Posts `form` to the account server.
+HttpAnswer PostToAccount(const char* path, const std::string& client_id, HttpForm form) {
+  return Post({.url = ServerInfo().AccountHost() + path,
+               .user_agent = HosService::GetUserAgent(),
+               .header_sets = {{{"X-Client-ID", client_id}}},
+               .form = std::move(form)});
+}
+
+// "Failed to WHAT, reqcode=..." for a transfer that failed.
+void CheckTransfer(const std::string& what, const HttpAnswer& answer) {
+  if (answer.error_code != 0) {
+    throw ZomiException(kBadResponse, FormatString("Failed to " + what + ", reqcode=%d, reqmsg=%s",
+                                                   answer.error_code, answer.error_message));
+  }
+}
+
+// "Failed to WHAT, code=..., resp=..."
+std::string AnswerText(const std::string& what, const HttpAnswer& answer) {
+  return FormatString("Failed to " + what + ", code=%d, resp=%s", answer.status, answer.text);
+}
+
+void CheckStatus(const std::string& what, const HttpAnswer& answer) {
+  if (answer.status != kOk) {
+    throw ZomiException(kBadResponse, AnswerText(what, answer));
+  }
+}
+
+HttpForm GrantForm(const Json::Value& config, const CodePair& pair) {
+  const auto text = [&config](const char* name) { return config[name].asString(); };
+  HttpForm form = {{"client_id", text("client_id")},
+                   {"redirect_url", text("login_redirect_uri")},
+                   {"state", std::to_string(std::time(nullptr))},
+                   {"code_challenge", pair.challenge},
+                   {"auth_key", User().Get(record::kHsAuthKey)}};
+  std::vector<std::string> scopes;
+  boost::algorithm::split(scopes, text("scope"), boost::algorithm::is_any_of(" "),
+                          boost::algorithm::token_compress_on);
+  for (const std::string& scope : scopes) {
+    form.emplace_back("scopes[]", scope);
+  }
+  return form;
+}
+
+// The authorization code in the grant's answer.
+std::string ReadGrantCode(const HttpAnswer& answer) {
+  CheckTransfer("grant by authkey", answer);
+  if (answer.status == kUnauthorized) {
+    throw ZomiException(kAuthFailed, AnswerText("auth on grant by authkey", answer));
+  }
+  CheckStatus("grant by authkey", answer);
+  Json::Value response;
+  ParseJson(answer.text, response);
+  const auto code = json::TextMember(response, "grant_code");
+  if (!code) {
+    throw ZomiException(kBadResponse, AnswerText("parse grant by authkey resp", answer));
+  }
+  return *code;
+}
+
+void CheckLogout(const HttpAnswer& answer) {
+  CheckTransfer("logout", answer);
+  CheckStatus("logout", answer);
+  Json::Value response;
+  ParseJson(answer.text, response);
+  if (!response.isObject()) {
+    throw ZomiException(kWrongJsonFormat, AnswerText("parse logout resp", answer));
+  }
+  const auto word = json::TextMember(response, "code");
+  const std::uint32_t code = word ? ServerStatusToErrorCode(word->c_str()) : kSuccess;
+  if (code != kSuccess) {
+    throw ZomiException(code, "Failed to logout with success code");
+  }
+}
+
+// Empty when the record has none or cannot be read.
+std::string StoredAuthKey() {
+  try {
+    return User().Get(record::kHsAuthKey);
+  } catch (const ZomiException&) {
+    return "";
+  }
+}
+
+void StoreIdentity(const Json::Value& identity) {
+  const auto id = json::TextMember(identity, "user_id");
+  const auto auth_key = json::TextMember(identity, "auth_key");
+  if (!id || !auth_key) {
+    throw ZomiException(kBadResponse);
+  }
+  const ServerInfo servers;
+  const std::string account_host = servers.AccountHost();
+  const std::string identity_host = servers.IdentityHost();
+  User user;
+  user.Set(record::kAccountHost, account_host);
+  user.Set(record::kIdentityHost, identity_host);
+  WriteAccountLink(*id, *auth_key);
+}
+
+// The profile query fills the rest of the record; it needs the identity to be there.
+std::string QueryEmail() {
+  Json::Value account(Json::objectValue);
+  if (ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes) < 0) {
+    throw ZomiException(LastErrorCode());
+  }
+  return account["email"].asString();
+}
+
+// All of the account or nothing of it.
+void StoreAccount(const Json::Value& identity) {
+  const RecordBackup backup;
+  try {
+    StoreIdentity(identity);
+    LogError(Here(), "Logged in Veltrix Account as [%s]", QueryEmail().c_str());
+  } catch (const ZomiException&) {
+    backup.Restore();
+    throw;
+  }
+}
+
+}  // namespace
+
+AccountPkceServiceImpl::AccountPkceServiceImpl() : client_(kClientName) {
+  client_.SetConfig(LoadPkceLoginConfig());
+}
+
+void AccountPkceServiceImpl::GrantByAuthKey() {
+  const Json::Value config = LoadPkceLoginConfig();
+  const CodePair pair = MakeCodePair();
+  const HttpAnswer answer =
+      PostToAccount(kGrantPath, config["client_id"].asString(), GrantForm(config, pair));
+  client_.PkceLogin(ReadGrantCode(answer), pair.verifier, config["login_redirect_uri"].asString());
+}
+
+Json::Value AccountPkceServiceImpl::ExchangeAuthKey(const std::string& token) {
+  // The second set of headers takes the place of the first: the account server wants the token
+  // alone.
+  const HttpAnswer answer = Post({.url = ServerInfo().AccountHost() + kExchangePath,
+                                  .user_agent = HosService::GetUserAgent(),
+                                  .header_sets = {{{"X-Client-ID", GetLoginClientId()}},
+                                                  {{"Authorization", "Bearer " + token}}},
+                                  .form = std::nullopt});
+  CheckTransfer("exchange authkey", answer);
+  CheckStatus("exchange authkey", answer);
+  Json::Value response;
+  ParseJson(answer.text, response);
+  if (!response.isObject() || !response.isMember("user_id") || !response.isMember("auth_key")) {
+    LogError(kExchangeSite, "Failed to ExchangeAuthKey by [%s], code=%d, resp=%s", token.c_str(),
+             answer.status, answer.text.c_str());
+    throw ZomiException(kNoToken, AnswerText("parse exchange authkey resp", answer));
+  }
+  return response;
+}
+
+void AccountPkceServiceImpl::Login(const std::string& code, const std::string& code_verifier,
+                                   const std::string& redirect_uri) {
+  RunPluginAction4(kLoginAction);
+  client_.PkceLogin(code, code_verifier, redirect_uri);
+  StoreAccount(ExchangeAuthKey(GetAccessTokenWithRescue()));
+  RunPluginAction5(kLoginAction);
+}
+
+void AccountPkceServiceImpl::Logout(AccessToken access_token) {
+  const User user;
+  if (!user.HasAccount()) {
+    ClearLocalAccount();
+    return;
+  }
+  HttpForm form = {{"serial_no", HosService::GetSerialNumber()},
+                   {"id", user.Get(record::kZomiIdSerial)},
+                   {"auth_key", user.Get(record::kHsAuthKey)}};
+  if (access_token == AccessToken::kInclude) {
+    const std::string token = GetAccessTokenWithRescue();
+    if (!token.empty()) {
+      form.emplace_back("access_token", token);
+    }
+  }
+  CheckLogout(PostToAccount(kLogoutPath, GetLoginClientId(), std::move(form)));
+  ClearLocalAccount();
+}
+
+void AccountPkceServiceImpl::ClearLocalAccount() {
+  const User user;
+  if (user.HasAccount()) {
+    LogError(Here(), "Logged out Veltrix Account: %s", user.Get(record::kZomiId).c_str());
+  } else {
+    LogError(Here(), "Logged out Veltrix Account");
+  }
+  (void)ZomiConfigRemove();
+  (void)RemoveReportJob();
+  (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedOutEvent, "", "", "", "");
+  if (KLIBCExecl("/bin/sh", kExecFlags, "-c", kClearTokens, static_cast<char*>(nullptr)) < 0) {
+    LogError(Here(), "Failed to clear token files");
+  }
+}
+
+std::string AccountPkceServiceImpl::GetAccessTokenWithRescue() {
+  return GetTokenWithRescue(&PkceClient::GetAccessToken);
+}
+
+std::string AccountPkceServiceImpl::GetIdTokenWithRescue() {
+  return GetTokenWithRescue(&PkceClient::GetIdToken);
+}
+
+std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read) {
+  if (!client_.HasToken() && !StoredAuthKey().empty()) {
+    GrantByAuthKey();
+  }
+  try {
+    return (client_.*read)();
+  } catch (const ZomiException& failure) {
+    if (failure.code() != kAuthFailed) {
+      throw;
+    }
+  }
+  Rescue();
+  return (client_.*read)();
+}
+
+// Without the access token, because reading it is what failed.
+void AccountPkceServiceImpl::Rescue() {
+  LogError(Here(), "Rescue hos renew pkce token by authkey");
+  try {
+    GrantByAuthKey();
+  } catch (const ZomiException&) {
+    LogError(Here(), "Failed to rescue by authkey, force logout");
+    Logout(AccessToken::kOmit);
+  }
+}
+
+}  // namespace nodelink

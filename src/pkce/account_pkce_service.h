@@ -1,0 +1,76 @@
+// The account flows built on OAuth2 tokens: login, silent re-establishment, logout.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+#include "account/account_service.h"
+#include "pkce/pkce_client.h"
+
+namespace nodelink {
+
+// Whether the logout request carries the device's access token.
+enum class AccessToken { kOmit, kInclude };
+
+// Every operation throws ZomiException: kWrongJsonFormat for a body or file that is no JSON,
+// kBadResponse for a request or answer that failed, kAuthFailed where the server refuses the
+// device, kNoToken for missing tokens, kSystemError for a local failure, and the codes of reading
+// the device's facts.
+class AccountPkceService {
+ public:
+  AccountPkceService() = default;
+  AccountPkceService(const AccountPkceService&) = delete;
+  AccountPkceService& operator=(const AccountPkceService&) = delete;
+  virtual ~AccountPkceService() = default;
+
+  // Completes an interactive sign-in: trades `code` and its verifier for tokens, stores the account
+  // in the record and tells the plug-ins. When it fails after the tokens came, these stay and the
+  // record is as it was.
+  virtual void Login(const std::string& code, const std::string& code_verifier,
+                     const std::string& redirect_uri) = 0;
+
+  // Obtains fresh tokens with the device's stored auth key, without a browser.
+  virtual void GrantByAuthKey() = 0;
+
+  // Trades a bearer token for the account's "user_id" and "auth_key"; the server's answer, an
+  // object that holds both, whatever their type.
+  virtual Json::Value ExchangeAuthKey(const std::string& token) = 0;
+
+  // Ends the link at the server, then locally. When the server does not agree the device stays
+  // linked; a device without an account is cleared locally only.
+  virtual void Logout(AccessToken access_token) = 0;
+
+  // Removes the record, the report job and the token files. What cannot be removed is logged only.
+  virtual void ClearLocalAccount() = 0;
+
+  // The token, renewed when it has expired. Refused or missing tokens are re-established once with
+  // the auth key; when that fails too, the device is logged out.
+  virtual std::string GetAccessTokenWithRescue() = 0;
+  virtual std::string GetIdTokenWithRescue() = 0;
+};
+
+class AccountPkceServiceImpl : public AccountService, public AccountPkceService {
+ public:
+  // Loads the login configuration (pkce/pkce_config.h); throws as that does.
+  AccountPkceServiceImpl();
+
+  void Login(const std::string& code, const std::string& code_verifier,
+             const std::string& redirect_uri) override;
+  void GrantByAuthKey() override;
+  Json::Value ExchangeAuthKey(const std::string& token) override;
+  void Logout(AccessToken access_token) override;
+  void ClearLocalAccount() override;
+  std::string GetAccessTokenWithRescue() override;
+  std::string GetIdTokenWithRescue() override;
+
+ private:
+  using TokenReader = std::string (PkceClient::*)();
+
+  std::string GetTokenWithRescue(TokenReader read);
+  void Rescue();
+
+  PkceClient client_;
+};
+
+}  // namespace nodelink
