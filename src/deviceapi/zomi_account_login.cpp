@@ -1,0 +1,229 @@
+#include "deviceapi/zomi_account_login.h"
+
+#include <array>
+
+#include "account/account_link.h"
+#include "account/record_backup.h"
+#include "core/error_code.h"
+#include "core/json.h"
+#include "core/log.h"
+#include "core/platform_owner.h"
+#include "core/zomi_exception.h"
+#include "deviceapi/zomi_account_query_info.h"
+#include "kivo/cloudservice.h"
+#include "kivo/log.h"
+#include "klib/plugin.h"
+#include "platform/report_job.h"
+
+namespace nodelink {
+namespace {
+
+constexpr char kPath[] = "device/api/password_login";
+constexpr char kLoginType[] = "acnt_pw_apikey";
+constexpr unsigned int kLoggedInAction = 5;
+constexpr int kMacAddressSize = 24;
+constexpr int kApiKeySize = 1024;
+constexpr int kRegisterMissing = 1;
+constexpr int kDropApiKey = 2;  // of the cloud-service library's actions
+constexpr int kLogType = 2;
+constexpr int kLogLevel = 1;
+constexpr unsigned int kLoggedInEvent = 0x13A00001;
+
+// Owner of the plug-in handle.
+class LoginPlugin {
+ public:
+  LoginPlugin() : opened_(KLIBPluginSDKInit("zomi", "zomi/login", &handle_, &handle_) >= 0) {}
+  LoginPlugin(const LoginPlugin&) = delete;
+  LoginPlugin& operator=(const LoginPlugin&) = delete;
+  ~LoginPlugin() { KLIBPluginExit(handle_); }
+
+  bool opened() const { return opened_; }
+  void Announce() {
+    if (KLIBPluginAction(kLoggedInAction, handle_) < 0) {
+      LogError(Here(), "KLIBPluginAction failed, action=%u", kLoggedInAction);
+    }
+  }
+
+ private:
+  KLIBPLUGIN* handle_ = nullptr;
+  bool opened_;
+};
+
+// The facts of this login attempt, and the form made of them.
+struct Attempt {
+  std::string identifier;
+  Quick quick;
+  std::string host;
+  SzHash form;
+};
+
+// What the server answered, and its verdict.
+struct Answer {
+  std::string text;
+  Json::Value json;
+  std::uint32_t code = kSuccess;
+};
+
+int ReadMacAddress(std::string& mac) {
+  std::array<char, kMacAddressSize> buffer{};
+  if (KIVOHsinfoCloudServiceGetMacAddress(buffer.data(), kMacAddressSize) < 0) {
+    LogError(Here(), "Failed to get mac address");
+    return Fail(kNoMacAddress);
+  }
+  mac = buffer.data();
+  return 0;
+}
+
+int ReadApiKey(std::string& api_key) {
+  std::array<char, kApiKeySize> buffer{};
+  if (KIVOCloudServiceGetApiKey(buffer.data(), kRegisterMissing) < 0) {
+    LogError(Here(), "Failed to get apikey");
+    return Fail(CloudServiceErrorToCode());
+  }
+  api_key = buffer.data();
+  return 0;
+}
+
+int Prepare(const std::string& password, Attempt& attempt) {
+  std::string serial;
+  std::string mac;
+  std::string api_key;
+  if (FindAccountHost(Here(), attempt.host) < 0 || ReadSerialNumber(Here(), serial) < 0 ||
+      ReadMacAddress(mac) < 0 || ReadApiKey(api_key) < 0) {
+    return -1;
+  }
+  attempt.form = MakeForm(Here(), {{"type", kLoginType},
+                                   {"email", attempt.identifier},
+                                   {"passwd", password},
+                                   {"serial_no", serial},
+                                   {"api_key", api_key},
+                                   {"mac", mac}});
+  return attempt.form ? 0 : -1;
+}
+
+int Ask(const Attempt& attempt, Answer& answer) {
+  if (SendForm(Here(), attempt.host, kPath, attempt.form.get(), attempt.quick, answer.text) < 0 ||
+      ParseAnswer(Here(), answer.text, answer.json) < 0) {
+    return -1;
+  }
+  const auto word = json::TextMember(answer.json, "code");
+  if (!word) {
+    LogError(Here(), "bad response, no code");
+    return Fail(kBadResponse);
+  }
+  SetServerStatusError(word->c_str());
+  answer.code = LastErrorCode();
+  return 0;
+}
+
+// The server does not know the device's API key: registers one and puts it into the form.
+int ReplaceApiKey(Attempt& attempt) {
+  LogError(Here(), "ApiKey not found. Register new one.");
+  std::array<char, kApiKeySize> api_key{};
+  if (KIVOCloudServiceRegisterApiKey(api_key.data()) < 0) {
+    LogError(Here(), "KIVOCloudServiceRegisterApiKey failed");
+    return Fail(CloudServiceErrorToCode());
+  }
+  if (KLIBCSzHashSetValue(attempt.form.get(), "api_key", api_key.data()) < 0) {
+    LogError(Here(), "Failed to alloc https request, err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
+    return Fail(kSystemError);
+  }
+  return 0;
+}
+
+void LogRefusal(const Attempt& attempt, const Answer& answer) {
+  LogError(Here(), "Failed to login %s, resp=%s", attempt.identifier.c_str(), answer.text.c_str());
+}
+
+int Refused(const Attempt& attempt, const Answer& answer) {
+  if (answer.code == kApiKeyExpired) {
+    (void)KIVOCloudServiceActionHandler(kDropApiKey);  // the next login registers a new one
+  } else {
+    LogRefusal(attempt, answer);
+  }
+  return Fail(answer.code);
+}
+
+// Asks, and once more with a new API key if that is what the server wants.
+int AskForLogin(Attempt& attempt, Answer& answer) {
+  if (Ask(attempt, answer) < 0) {
+    return -1;
+  }
+  if (answer.code == kApiKeyNotFound && (ReplaceApiKey(attempt) < 0 || Ask(attempt, answer) < 0)) {
+    return -1;
+  }
+  return answer.code == kSuccess ? 0 : Refused(attempt, answer);
+}
+
+void WriteIdentity(const std::string& id, const std::string& auth_key) {
+  const RecordBackup backup;
+  try {
+    WriteAccountLink(id, auth_key);
+  } catch (const ZomiException&) {
+    backup.Restore();
+    throw;
+  }
+}
+
+int StoreIdentity(const Attempt& attempt, const Answer& answer) {
+  const auto id = json::TextMember(answer.json, "id");
+  const auto auth_key = json::TextMember(answer.json, "auth_key");
+  if (!id || !auth_key) {
+    LogRefusal(attempt, answer);
+    return Fail(kBadResponse);
+  }
+  try {
+    WriteIdentity(*id, *auth_key);
+    return 0;
+  } catch (const ZomiException& failure) {
+    LogError(Here(), "Failed to set user: %s", failure.what());
+    return Fail(failure.code());
+  }
+}
+
+void AddReportJob() {
+  try {
+    if (IsReportDisabled() || SaveReportJob()) {
+      return;
+    }
+  } catch (const ZomiException&) {
+    // The schedule could not be read; the login stands all the same.
+  }
+  LogError(Here(), "Failed to add crontab for zomi");
+}
+
+// Nothing that fails here undoes the login.
+void FollowUp(const std::string& identifier, LoginPlugin& plugin) {
+  AddReportJob();
+  LogError(Here(), "Logged in Zomi Center as %s", identifier.c_str());
+  (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedInEvent, identifier.c_str(), "", "", "");
+  Json::Value account(Json::objectValue);
+  (void)ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes);
+  plugin.Announce();
+}
+
+}  // namespace
+
+int ZomiAccountLogin(const std::string& identifier, const std::string& password,
+                     Json::Value& result, Quick quick) {
+  if (identifier.empty() || password.empty()) {
+    LogError(Here(), "Bad Parameters");
+    return Fail(kWrongParameters);
+  }
+  LoginPlugin plugin;
+  if (!plugin.opened()) {
+    LogError(Here(), "KLIBPluginSDKInit failed");
+    return Fail(kSystemError);
+  }
+  Attempt attempt{identifier, quick, "", nullptr};
+  Answer answer;
+  if (Prepare(password, attempt) < 0 || AskForLogin(attempt, answer) < 0 ||
+      StoreIdentity(attempt, answer) < 0) {
+    return -1;
+  }
+  FollowUp(identifier, plugin);
+  result = answer.json;
+  return 0;
+}
+
+}  // namespace nodelink

@@ -1,0 +1,159 @@
+#include "deviceapi/zomi_report_info.h"
+
+#include <array>
+
+#include "account/account_data.h"
+#include "account/account_service.h"
+#include "account/server_info.h"
+#include "account/user.h"
+#include "core/error_code.h"
+#include "core/json.h"
+#include "core/log.h"
+#include "core/platform_owner.h"
+#include "core/zomi_exception.h"
+#include "deviceapi/device_api_flow.h"
+#include "kivo/zone.h"
+#include "pkce/account_pkce_service.h"
+#include "platform/hos_service.h"
+#include "platform/report_job.h"
+
+namespace nodelink {
+namespace {
+
+constexpr char kPath[] = "device/api/report";
+constexpr int kZoneNameSize = 256;
+constexpr int kZoneInfoSize = 1024;
+
+int ReadZoneName(std::string& zone) {
+  std::array<char, kZoneNameSize> buffer{};
+  int needed = -1;
+  if (KIVOZoneGet(buffer.data(), kZoneNameSize, &needed) < 0) {
+    LogError(Here(), "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", needed,
+             PLATFORM_ERROR_TRIPLE);
+    return Fail(kSystemError);
+  }
+  zone = buffer.data();
+  return 0;
+}
+
+// The zone's name in the time-zone database.
+int ReadTimezone(std::string& timezone) {
+  std::string zone;
+  if (ReadZoneName(zone) < 0) {
+    return -1;
+  }
+  const SzHash info(KLIBCSzHashAlloc(kZoneInfoSize));
+  if (!info) {
+    LogError(Here(), "Failed to alloc pTZInfo, err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
+    return Fail(kSystemError);
+  }
+  if (KIVOZoneGetInfo(zone.c_str(), info.get()) < 1) {
+    LogError(Here(), "failed to get timezone info[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
+    return Fail(kSystemError);
+  }
+  const char* name = KLIBCSzHashGetValue(info.get(), "nameInTZDB");
+  if (name == nullptr) {
+    LogError(Here(), "failed to get tmz[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
+    return Fail(kSystemError);
+  }
+  timezone = name;
+  return 0;
+}
+
+int Ask(const AccountData& account, std::string& text) {
+  std::string host;
+  std::string timezone;
+  std::string serial;
+  if (FindAccountHost(Here(), host) < 0 || ReadTimezone(timezone) < 0 ||
+      ReadSerialNumber(Here(), serial) < 0) {
+    return -1;
+  }
+  const SzHash form = MakeForm(Here(), {{"id", account.zomi_id_serial},
+                                        {"auth_key", account.hs_auth_key},
+                                        {"timezone", timezone},
+                                        {"serial_no", serial},
+                                        {"hs_info", ""}});
+  return form ? SendForm(Here(), host, kPath, form.get(), Quick::kNo, text) : -1;
+}
+
+// Whatever the verdict: the server may spread its devices anew while it refuses this one.
+void StoreSchedule(const Json::Value& answer) {
+  const auto schedule = json::TextMember(answer, "report_cron_timestring");
+  if (schedule) {
+    User().Set(record::kReportCronTimestring, *schedule);
+  }
+}
+
+void LogOut(const AccountData& account) {
+  LogError(Here(), "Failed to auth [%s] on regularly report, auto logout.",
+           account.zomi_id.c_str());
+  try {
+    AccountPkceServiceImpl().Logout(AccessToken::kInclude);
+  } catch (const ZomiException& failure) {
+    SetLastErrorCode(failure.code());
+    LogError(Here(), "Failed to logout");
+  }
+}
+
+// The administrators learn why the device is about to lose its account.
+void EndLink(const AccountData& account, std::uint32_t code) {
+  if (code == kAuthFailed) {
+    HosService::notify("zomi_force_logout",
+                       {{"%EMAIL%", account.zomi_id}, {"%LINK%", ServerInfo().AccountHost()}});
+  } else {
+    HosService::notify("zomi_deletion_logout", {{"%EMAIL%", account.zomi_id}});
+  }
+  LogOut(account);
+}
+
+int Refused(const AccountData& account, std::uint32_t code, const std::string& text) {
+  if (code == kAuthFailed || code == kAccountNotFound) {
+    EndLink(account, code);
+  }
+  SetLastErrorCode(code);
+  LogError(Here(), "Failed to query service check, resp=%s", text.c_str());
+  return -1;
+}
+
+// A token that cannot be renewed now is renewed by whoever needs it next.
+int Accepted() {
+  AccountService().updateCrondJob();
+  try {
+    (void)AccountPkceServiceImpl().GetAccessTokenWithRescue();
+  } catch (const ZomiException& failure) {
+    LogError(Here(), "Failed to renew token: %s", failure.what());
+  }
+  return 0;
+}
+
+int Judge(const AccountData& account, const std::string& text) {
+  Json::Value answer;
+  if (ParseAnswer(Here(), text, answer) < 0) {
+    return -1;
+  }
+  const auto word = json::TextMember(answer, "code");
+  if (!word) {
+    return Fail(kBadResponse);
+  }
+  StoreSchedule(answer);
+  const std::uint32_t code = ServerStatusToErrorCode(word->c_str());
+  return code == kSuccess ? Accepted() : Refused(account, code, text);
+}
+
+}  // namespace
+
+int ReportDeviceInfo() {
+  SetLastErrorCode(kSuccess);
+  AccountData account;
+  if (ReadLinkedAccountData(account) < 0 || IsReportDisabled()) {
+    return 0;
+  }
+  try {
+    std::string text;
+    return Ask(account, text) < 0 ? -1 : Judge(account, text);
+  } catch (const ZomiException& failure) {
+    return Fail(failure.code());  // the record could not be written, or not be read any more
+  }
+}
+
+}  // namespace nodelink
