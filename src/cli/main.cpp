@@ -1,0 +1,3 @@
+#include "cli/nodelink.h"
+
+int main(int argc, char** argv) { return nodelink::RunCommand(argc, argv); }
