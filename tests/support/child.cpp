@@ -1,0 +1,114 @@
+#include "support/child.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "base/unique_fd.h"
+#include "support/interpose.h"
+
+namespace {
+
+void WriteAll(int fd, const std::string& text) {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t count = write(fd, text.data() + written, text.size() - written);
+    if (count < 0) {
+      _exit(EXIT_FAILURE);
+    }
+    written += static_cast<std::size_t>(count);
+  }
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  std::array<char, 4096> block{};
+  ssize_t count = 0;
+  while ((count = read(fd, block.data(), block.size())) != 0) {
+    if (count > 0) {
+      text.append(block.data(), static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      throw std::runtime_error("cannot read from the child");
+    }
+  }
+  return text;
+}
+
+[[noreturn]] void BeChild(const std::function<std::string()>& flow, int out) {
+  int status = EXIT_SUCCESS;
+  std::string result;
+  try {
+    result = flow();
+  } catch (const std::exception& error) {
+    result = error.what();
+    status = EXIT_FAILURE;
+  }
+  WriteAll(out, result);
+  _exit(status);
+}
+
+void ExpectEnded(pid_t child, const std::string& said) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) {
+      throw std::runtime_error("cannot wait for the child");
+    }
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS) {
+    throw std::runtime_error("the child failed, status " + std::to_string(status) + ": " + said);
+  }
+}
+
+}  // namespace
+
+std::string RunInChild(const std::function<std::string()>& flow) {
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) {
+    throw std::runtime_error("no pipe");
+  }
+  const base::UniqueFd out(ends[0]);
+  base::UniqueFd in(ends[1]);
+  const pid_t child = fork();
+  if (child < 0) {
+    throw std::runtime_error("no child");
+  }
+  if (child == 0) {
+    BeChild(flow, in.get());
+  }
+  in = base::UniqueFd();
+  const std::string text = ReadAll(out.get());
+  ExpectEnded(child, text);
+  return text;
+}
+
+bool HasOtherUsers() {
+  std::ifstream map("/proc/self/uid_map");
+  unsigned long first = 0;
+  unsigned long outside = 0;
+  unsigned long count = 0;
+  map >> first >> outside >> count;
+  return map && count > 1;
+}
+
+Ids CurrentIds() {
+  Ids ids;
+  if (getresuid(&ids.real_user, &ids.effective_user, &ids.saved_user) != 0 ||
+      getresgid(&ids.real_group, &ids.effective_group, &ids.saved_group) != 0) {
+    throw std::runtime_error("cannot read the ids");
+  }
+  return ids;
+}
+
+void BecomeIds(const Ids& ids) {
+  if (interpose::RealSetresgid(ids.real_group, ids.effective_group, ids.saved_group) != 0 ||
+      interpose::RealSetresuid(ids.real_user, ids.effective_user, ids.saved_user) != 0) {
+    throw std::runtime_error("cannot change the ids");
+  }
+}
