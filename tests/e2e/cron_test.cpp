@@ -1,0 +1,25 @@
+// The system's own cron starts the report from the file that --update wrote.
+#include <chrono>
+
+#include "e2e/device_test.h"
+
+namespace {
+
+TEST_F(DeviceTest, CronStartsTheReport) {
+  const devcloud::Link link = LinkDevice();
+  WriteFile(kRecord,
+            ReadFile(kRecord) + "zomiID=\"" + kEmail + "\"\nreport_cron_timestring=\"* * * * *\"\n",
+            0600);
+  ASSERT_EQ(Run({"--update"}).exit_status, 0);
+  EXPECT_THAT(ReadFile(kReportJob),
+              testing::HasSubstr("* * * * * root '/usr/kivo/bin/nodelink' '--report_info'\n"));
+
+  lab::BackgroundProcess cron({"/usr/sbin/cron", "-f"});
+  const auto reports = cloud_.log().WaitAndRead(0, "/device/api/report", std::chrono::seconds(150));
+  cron.Terminate();
+  ASSERT_FALSE(reports.empty()) << "cron never started the report";
+  EXPECT_THAT(reports[0].request.body, testing::HasSubstr("id=" + link.user_id));
+  EXPECT_THAT(reports[0].answer, testing::HasSubstr("good"));
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+#include "e2e/device_test.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void WriteFile(const std::string& path, const std::string& content, unsigned int mode) {
+  std::ofstream file(path, std::ios::trunc | std::ios::binary);
+  file << content;
+  file.close();
+  if (!file || chmod(path.c_str(), mode) != 0) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+namespace {
+
+devcloud::CloudOptions InLab() {
+  if (std::getenv("LAB_INSIDE") == nullptr) {
+    throw std::runtime_error("this test writes to the appliance's paths: run it with lab/run");
+  }
+  devcloud::CloudOptions options;
+  options.port = 443;
+  return options;
+}
+
+}  // namespace
+
+DeviceTest::DeviceTest() : cloud_(InLab()) {
+  WriteFile("/etc/ssl/certs/ca-certificates.crt", cloud_.authority().certificate_pem());
+  account_.email = kEmail;
+  account_.full_name = "Anna Müller";
+  account_.country = "CH";
+  account_.timezone = "Europe/Zurich";
+  account_.notify_language = "ger";
+  account_.critical_version_list = {{"7.1", true}, {"7.2", false}, {"7.3", true}};
+  if (!cloud_.store().AddAccount(account_, kPassword)) {
+    throw std::runtime_error("cannot add the account");
+  }
+  cloud_.store().PutDevice({.serial = kSerial, .mac = "02:00:5e:10:00:01"});
+}
+
+devcloud::Link DeviceTest::LinkDevice() {
+  const auto link = cloud_.store().LinkDevice(kSerial, account_.user_id);
+  WriteFile(
+      kRecord,
+      "zomiIDSerial=\"" + link.value().user_id + "\"\nhs_auth_key=\"" + link->auth_key + "\"\n",
+      0600);
+  return *link;
+}
+
+void DeviceTest::SetState(const std::string& word) {
+  account_.state = word;
+  Update(account_);
+}
+
+void DeviceTest::Update(const devcloud::Account& account) {
+  if (!cloud_.store().UpdateAccount(account)) {
+    throw std::runtime_error("cannot update the account");
+  }
+}
+
+lab::ProcessResult DeviceTest::Run(const std::vector<std::string>& options) {
+  std::vector<std::string> words = {"/usr/kivo/bin/nodelink"};
+  words.insert(words.end(), options.begin(), options.end());
+  return lab::RunProcess(words);
+}
+
+lab::ProcessResult DeviceTest::LogIn(const std::vector<std::string>& options,
+                                     const std::string& input) {
+  std::vector<std::string> words = {"/usr/kivo/bin/nodelink-login"};
+  words.insert(words.end(), options.begin(), options.end());
+  return lab::RunProcess(words, {.stdin_text = input});
+}
+
+std::vector<std::string> DeviceTest::Log() {
+  std::vector<std::string> texts;
+  for (const lab::LogLine& line : sink_.Lines()) {
+    texts.push_back(std::regex_replace(line.text, std::regex("^([^ :]+):[0-9]+ "), "$1 ",
+                                       std::regex_constants::format_first_only));
+  }
+  return texts;
+}
+
+std::optional<std::string> DeviceTest::RecordValue(const std::string& key) {
+  std::smatch match;
+  const std::string record = ReadFile(kRecord);
+  if (!std::regex_search(record, match, std::regex("(^|\n)" + key + "=\"([^\n]*)\"\n"))) {
+    return std::nullopt;
+  }
+  return match[2];
+}
+
+void DeviceTest::SetRecordValue(const std::string& key, const std::string& value) {
+  const std::string line = key + "=\"" + value + "\"\n";
+  WriteFile(kRecord, std::regex_replace(ReadFile(kRecord), std::regex(key + "=\"[^\n]*\"\n"), line),
+            0600);
+}
+
+void DeviceTest::SetLastQueryAge(long seconds) {
+  SetRecordValue("last_query_time", std::to_string(std::time(nullptr) - seconds));
+}
