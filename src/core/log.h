@@ -1,7 +1,6 @@
 // The program's log: syslog lines that begin with the source file and line they come from.
 #pragma once
 
-#include <source_location>
 #include <string_view>
 
 #include "klibc/error.h"
@@ -25,8 +24,8 @@ constexpr std::string_view SourceName(std::string_view path) {
 }
 
 // The place that calls it.
-constexpr LogSite Here(const std::source_location& where = std::source_location::current()) {
-  return {SourceName(where.file_name()), static_cast<int>(where.line())};
+constexpr LogSite Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  return {SourceName(file), line};
 }
 
 // Logs "<file>:<line> <message>" at priority error, or at `priority` (which may name a facility).

@@ -61,7 +61,8 @@ class BackOff {
  private:
   static std::uint32_t Seed() {
     std::random_device device("default");
-    const std::uint32_t seed = device() % std::minstd_rand0::modulus;
+    constexpr std::uint32_t kModulus = std::minstd_rand0::modulus;
+    const std::uint32_t seed = device() % kModulus;
     return seed == 0 ? 1 : seed;
   }
 
