@@ -1,66 +1,43 @@
 #include "base/atomic_replace.h"
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
-
-#include "base/unique_fd.h"
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <vector>
 
 namespace base {
 namespace {
 
-constexpr uid_t kOwnerOfProcess = static_cast<uid_t>(-1);
-constexpr gid_t kGroupOfProcess = static_cast<gid_t>(-1);
+constexpr mode_t kPrivateMode = 0600;
+constexpr std::chrono::seconds kLockLimit{30};
+constexpr long kFirstPause = 500'000;       // nanoseconds
+constexpr long kLongestPause = 20'000'000;  // nanoseconds
 
-std::string FolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return ".";
+// A dot name: cron, run-parts and the like do not take it for a file of theirs.
+std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }
+
+std::optional<std::string> TemporaryName(const std::string& name) {
+  std::uint64_t number = 0;
+  if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+    return std::nullopt;
   }
-  return slash == 0 ? "/" : path.substr(0, slash);
+  std::array<char, 17> digits{};
+  std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(number));
+  return TemporaryPrefix(name) + digits.data();
 }
-
-// ".NAME.XXXXXX" beside the file: the dot keeps it out of listings and out of folders that are read
-// name by name.
-std::string TemporaryTemplate(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
-  return FolderOf(path) + "/." + name + ".XXXXXX";
-}
-
-// A new file that is removed again unless it is renamed.
-class TemporaryFile {
- public:
-  explicit TemporaryFile(const std::string& target)
-      : name_(TemporaryTemplate(target)), fd_(mkostemp(name_.data(), O_CLOEXEC)) {}
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  ~TemporaryFile() {
-    if (made_ && !renamed_) {
-      const int reason = errno;
-      unlink(name_.c_str());
-      errno = reason;
-    }
-  }
-
-  bool made() const { return made_; }
-  int fd() const { return fd_.get(); }
-  bool Close() { return fd_.Close(); }
-  bool RenameTo(const std::string& path) {
-    renamed_ = rename(name_.c_str(), path.c_str()) == 0;
-    return renamed_;
-  }
-
- private:
-  std::string name_;
-  UniqueFd fd_;
-  const bool made_ = static_cast<bool>(fd_);
-  bool renamed_ = false;
-};
 
 bool WriteAll(int fd, std::string_view content) {
   while (!content.empty()) {
@@ -81,27 +58,116 @@ bool Flush(int fd) {
   return result == 0;
 }
 
-bool SetOwner(int fd, uid_t owner, gid_t group) {
-  return (owner == kOwnerOfProcess && group == kGroupOfProcess) || fchown(fd, owner, group) == 0;
+// A new file that is removed again unless it is renamed.
+class TemporaryFile {
+ public:
+  TemporaryFile(int folder, std::string name)
+      : folder_(folder),
+        name_(std::move(name)),
+        fd_(openat(folder, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                   kPrivateMode)),
+        exists_(fd_) {}
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (exists_) {
+      const int reason = errno;
+      unlinkat(folder_, name_.c_str(), 0);
+      errno = reason;
+    }
+  }
+
+  bool made() const { return exists_; }
+
+  bool Own(const FileAttributes& attributes) const {
+    struct stat mine {};
+    if (fstat(fd_.get(), &mine) != 0) {
+      return false;
+    }
+    const bool owned = mine.st_uid == attributes.owner && mine.st_gid == attributes.group;
+    return (owned || fchown(fd_.get(), attributes.owner, attributes.group) == 0) &&
+           fchmod(fd_.get(), attributes.mode) == 0;
+  }
+
+  bool Fill(std::string_view content) {
+    return WriteAll(fd_.get(), content) && Flush(fd_.get()) && fd_.Close();
+  }
+
+  bool RenameTo(const std::string& name) {
+    exists_ = renameat(folder_, name_.c_str(), folder_, name.c_str()) != 0;
+    return !exists_;
+  }
+
+ private:
+  int folder_;
+  std::string name_;
+  UniqueFd fd_;
+  bool exists_;
+};
+
+std::vector<std::string> NamesIn(int folder) {
+  const int copy = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(copy < 0 ? nullptr : fdopendir(copy), closedir);
+  std::vector<std::string> names;
+  if (!listing) {
+    (void)UniqueFd(copy);
+    return names;
+  }
+  while (const dirent* entry = readdir(listing.get())) {
+    names.emplace_back(entry->d_name);
+  }
+  return names;
 }
 
-bool FlushFolder(const std::string& folder) {
-  const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return fd && Flush(fd.get());
+// While the folder is locked, nobody can be at them.
+void RemoveLeftovers(int folder, const std::string& name) {
+  const std::string prefix = TemporaryPrefix(name);
+  for (const std::string& entry : NamesIn(folder)) {
+    if (entry.starts_with(prefix)) {
+      unlinkat(folder, entry.c_str(), 0);
+    }
+  }
+}
+
+bool LockWithinLimit(int fd) {
+  const auto deadline = std::chrono::steady_clock::now() + kLockLimit;
+  for (long pause = kFirstPause; flock(fd, LOCK_EX | LOCK_NB) != 0;) {
+    if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    const timespec length = {0, pause};
+    nanosleep(&length, nullptr);
+    pause = std::min(pause * 2, kLongestPause);
+  }
+  return true;
 }
 
 }  // namespace
 
-bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode, uid_t owner,
-                   gid_t group) {
-  TemporaryFile file(path);
-  return file.made() && WriteAll(file.fd(), content) && SetOwner(file.fd(), owner, group) &&
-         fchmod(file.fd(), mode) == 0 && Flush(file.fd()) && file.Close() && file.RenameTo(path) &&
-         FlushFolder(FolderOf(path));
+std::string FileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+UniqueFd LockFolderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return fd && LockWithinLimit(fd.get()) ? std::move(fd) : UniqueFd();
+}
+
+bool ReplaceInFolder(const UniqueFd& folder, const std::string& name, std::string_view content,
+                     const FileAttributes& attributes) {
+  RemoveLeftovers(folder.get(), name);
+  const auto temporary_name = TemporaryName(name);
+  if (!temporary_name) {
+    return false;
+  }
+  TemporaryFile file(folder.get(), *temporary_name);
+  return file.made() && file.Own(attributes) && file.Fill(content) && file.RenameTo(name) &&
+         Flush(folder.get());
 }
 
 bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode) {
-  return AtomicReplace(path, content, mode, kOwnerOfProcess, kGroupOfProcess);
+  const UniqueFd folder = LockFolderOf(path);
+  return folder && ReplaceInFolder(folder, FileNameOf(path), content, {mode, geteuid(), getegid()});
 }
 
 }  // namespace base

@@ -1,4 +1,9 @@
 // The one way in which state files are written.
+//
+// At every moment, a power failure included, a reader finds the whole old or the whole new content,
+// and when a replace returns true the new one is on disk. The content goes to an exclusively made
+// file of mode 0600 in the same folder, which gets its attributes, is flushed and then renamed over
+// the old file. A link in the file's place is replaced, not followed.
 #pragma once
 
 #include <sys/types.h>
@@ -6,19 +11,33 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
+
 namespace base {
 
-// Replaces the file `path`, or makes it, so that at every moment, a power failure included, a
-// reader finds the whole old or the whole new content; when the call returns true the new one is on
-// disk. The content goes to an exclusively made file of mode 0600 in the same folder, which gets
-// `mode`, is flushed and then renamed over `path`. The folder must exist; a link at `path` is
-// replaced, not followed. False, with errno set and the old file as it was, when any step before
-// the rename fails. False also when only the last flush, that of the folder, fails: the new file
-// then stands, but may not survive a power failure.
-[[nodiscard]] bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode);
+struct FileAttributes {
+  mode_t mode;
+  uid_t owner;
+  gid_t group;
+};
 
-// The same, with the owner and group of the new file.
-[[nodiscard]] bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode,
-                                 uid_t owner, gid_t group);
+// The last part of `path`.
+std::string FileNameOf(const std::string& path);
+
+// Opens the folder of `path` and locks it against every other writer that locks it so, waiting 30
+// seconds at most. The lock is the folder's and not the file's, because a file that is renamed over
+// takes its lock with it; it ends with the descriptor. None, with errno set (EWOULDBLOCK when time
+// ran out), on failure.
+[[nodiscard]] UniqueFd LockFolderOf(const std::string& path);
+
+// Replaces, or makes, the file `name` in `folder`, a descriptor of LockFolderOf. Temporary files
+// that killed writers left of `name` are removed on the way. False, with errno set and the old file
+// as it was, when any step before the rename fails; false also when only the last flush, that of
+// the folder, fails: the new file then stands, but may not survive a power failure.
+[[nodiscard]] bool ReplaceInFolder(const UniqueFd& folder, const std::string& name,
+                                   std::string_view content, const FileAttributes& attributes);
+
+// Both in one: replaces the file `path` by one of the caller's with the mode `mode`.
+[[nodiscard]] bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode);
 
 }  // namespace base

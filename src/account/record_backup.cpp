@@ -17,7 +17,12 @@ namespace nodelink {
 namespace {
 
 constexpr std::size_t kLargestRecord = 1024 * 1024;
-constexpr mode_t kMode = 0600;
+constexpr base::FileAttributes kRoots = {0600, 0, 0};
+
+bool ReplaceRecord(const std::string& content) {
+  const base::UniqueFd folder = base::LockFolderOf(record::kPath);
+  return folder && base::ReplaceInFolder(folder, base::FileNameOf(record::kPath), content, kRoots);
+}
 
 bool RemoveRecord() { return unlink(record::kPath) == 0 || errno == ENOENT; }
 
@@ -37,8 +42,7 @@ RecordBackup::RecordBackup() {
 bool RecordBackup::Restore() const {
   bool restored = false;
   const bool privileged = RunPrivileged(Here(), [&] {
-    restored =
-        existed_ ? base::AtomicReplace(record::kPath, content_, kMode, 0, 0) : RemoveRecord();
+    restored = existed_ ? ReplaceRecord(content_) : RemoveRecord();
     if (!restored) {
       LogError(Here(), "Failed to restore %s, reason=%s", record::kPath, std::strerror(errno));
     }
