@@ -16,8 +16,8 @@ int KIVOCloudServiceGetApiKey(char* buffer, int register_missing);
 // Registers a new API key with the cloud service, stores it and writes it into `buffer` as above.
 int KIVOCloudServiceRegisterApiKey(char* buffer);
 
-// Why the last of these three calls failed: 0 it did not, 1 the network failed, any other number a
-// refusal, a bad answer or a device that cannot ask or cannot store the key.
+// Why the last call about the API key failed: 0 it did not, 1 the network failed, any other number
+// a refusal, a bad answer or a device that cannot ask or cannot store the key.
 int KIVOCloudServiceGetErrorCode(void);
 
 // Runs a cloud-service action; 2 drops the stored API key, so that the next read registers a new

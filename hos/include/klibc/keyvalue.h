@@ -28,8 +28,8 @@ int KLIBCFileGetKeyValue(const char* path, const char* key, char* buffer, int si
 // existing file are kept; a new one has mode 0600. The folder must exist.
 // Returns 0 or a positive number on success; a negative number on failure, with the file as it was:
 // a null argument, an empty key, a key or value that would not be read back as it is (line break in
-// either; '=' in the key, '#' before it, white space at its ends), a path that is a symbolic link or
-// no file, a file or folder that cannot be written, another writer that holds the folder for 30
+// either; '=' in the key, '#' before it, white space at its ends), a path that is a symbolic link
+// or no file, a file or folder that cannot be written, another writer that holds the folder for 30
 // seconds.
 int KLIBCFileSetKeyValue(const char* path, const char* key, const char* value,
                          const char* line_format);

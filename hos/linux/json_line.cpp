@@ -1,0 +1,60 @@
+#include "json_line.h"
+
+#include <fcntl.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "error.h"
+#include "file.h"
+#include "unique_fd.h"
+
+namespace hos_linux {
+namespace {
+
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kFolderMode = 0755;
+
+bool EnsureFolderOf(const std::string& path) {
+  const std::string folder = path.substr(0, path.rfind('/'));
+  return mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST || FalseFromErrno();
+}
+
+// A writer that was killed, or a full disk, may have left half a line: it must not swallow ours.
+bool EndsInsideLine(int fd, off_t size) {
+  char last = '\n';
+  return size > 0 && pread(fd, &last, 1, size - 1) == 1 && last != '\n';
+}
+
+bool AppendLine(int fd, std::string line) {
+  struct stat info = {};
+  if (fstat(fd, &info) != 0) return FalseFromErrno();
+  if (!S_ISREG(info.st_mode)) return False(kBadContent);
+  if (EndsInsideLine(fd, info.st_size)) line.insert(0, 1, '\n');
+  if (WriteAll(fd, line)) return true;
+  if (ftruncate(fd, info.st_size) != 0) SetErrorFromErrno();
+  return false;
+}
+
+}  // namespace
+
+std::string OneLine(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value);
+}
+
+bool AppendJsonLine(const std::string& path, Json::Value record) {
+  record["time"] = Json::Int64{std::time(nullptr)};
+  if (!EnsureFolderOf(path)) return false;
+  constexpr int kFlags =
+      O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  const UniqueFd fd(open(path.c_str(), kFlags, kFileMode));
+  if (!fd.valid()) return FalseFromErrno();
+  return LockWithinLimit(fd.get()) && AppendLine(fd.get(), OneLine(record) + "\n");
+}
+
+}  // namespace hos_linux

@@ -1,0 +1,112 @@
+#include "kivo/zone.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "error.h"
+#include "file.h"
+#include "klibc/szhash.h"
+
+namespace hos_linux {
+namespace {
+
+constexpr const char* kZoneName = "/etc/timezone";
+constexpr const char* kZoneLink = "/etc/localtime";
+constexpr std::string_view kZoneTable = "/usr/share/zoneinfo/";
+constexpr std::size_t kLargestZone = std::size_t{256} * 1024;
+constexpr const char* kZoneVariable = "TZ";
+
+std::optional<std::string> ZoneOfLink() {
+  std::error_code error;
+  const std::string target = std::filesystem::read_symlink(kZoneLink, error).string();
+  constexpr std::string_view kMark = "zoneinfo/";
+  const std::size_t mark = target.rfind(kMark);
+  if (error || mark == std::string::npos || mark + kMark.size() == target.size()) {
+    return std::nullopt;
+  }
+  return target.substr(mark + kMark.size());
+}
+
+std::optional<std::string> ZoneName() {
+  if (auto name = ReadFirstLine(kZoneName)) return name;
+  return ZoneOfLink();
+}
+
+// A name that leads out of the table is no zone of it, nor is another file that stands there.
+bool IsInTable(std::string_view zone) {
+  const std::string framed = "/" + std::string(zone) + "/";
+  if (framed.find("/.") != std::string::npos || framed.find("//") != std::string::npos) {
+    return false;
+  }
+  const FileText file = ReadFile(std::string(kZoneTable).append(zone).c_str(), kLargestZone);
+  return file.text.starts_with("TZif");
+}
+
+// The C library reads a zone only as the process's own, so it becomes that for a moment.
+class ProcessZone {
+ public:
+  explicit ProcessZone(const std::string& zone) {
+    if (const char* old = std::getenv(kZoneVariable)) old_ = old;
+    Set((":" + std::string(kZoneTable) + zone).c_str());
+  }
+  ProcessZone(const ProcessZone&) = delete;
+  ProcessZone& operator=(const ProcessZone&) = delete;
+  ~ProcessZone() { Set(old_ ? old_->c_str() : nullptr); }
+
+ private:
+  static void Set(const char* zone) {
+    if (zone == nullptr) {
+      unsetenv(kZoneVariable);
+    } else {
+      setenv(kZoneVariable, zone, 1);
+    }
+    tzset();
+  }
+
+  std::optional<std::string> old_;
+};
+
+std::string UtcOffset(const std::string& zone) {
+  const ProcessZone process_zone(zone);
+  const std::time_t now = std::time(nullptr);
+  std::tm local = {};
+  localtime_r(&now, &local);
+  return std::to_string(local.tm_gmtoff);
+}
+
+int GetZone(char* buffer, int size, int* needed) {
+  const std::optional<std::string> name = ZoneName();
+  if (!name) return Fail(kNotFound);
+  *needed = static_cast<int>(name->size()) + 1;
+  if (size < *needed) return Fail(kTooBig);
+  CopyOut(*name, buffer, size);
+  return 0;
+}
+
+int GetInfo(const std::string& zone, KLIBCSZHASH* info) {
+  if (!IsInTable(zone)) return Fail(kNotFound);
+  if (KLIBCSzHashSetValue(info, "nameInTZDB", zone.c_str()) < 0) return -1;
+  if (KLIBCSzHashSetValue(info, "utcOffset", UtcOffset(zone).c_str()) < 0) return -1;
+  return 2;
+}
+
+}  // namespace
+}  // namespace hos_linux
+
+extern "C" {
+
+int KIVOZoneGet(char* buffer, int size, int* needed) {
+  if (buffer == nullptr || needed == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  return hos_linux::PlatformCall(-1, [=] { return hos_linux::GetZone(buffer, size, needed); });
+}
+
+int KIVOZoneGetInfo(const char* zone, KLIBCSZHASH* info) {
+  if (zone == nullptr || info == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  return hos_linux::PlatformCall(-1, [=] { return hos_linux::GetInfo(zone, info); });
+}
+}

@@ -1,0 +1,57 @@
+#include "test_files.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace test_files {
+namespace {
+
+struct stat StatOf(const std::string& path) {
+  struct stat info = {};
+  EXPECT_EQ(lstat(path.c_str(), &info), 0) << path;
+  return info;
+}
+
+}  // namespace
+
+void Write(const std::string& path, std::string_view text, mode_t mode) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+std::string Read(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool Exists(const std::string& path) {
+  return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
+void Remove(const std::string& path) { std::filesystem::remove_all(path); }
+
+void MakeFolder(const std::string& path, mode_t mode) {
+  std::filesystem::create_directories(path);
+  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+mode_t ModeOf(const std::string& path) { return StatOf(path).st_mode & 07777; }
+
+ino_t InodeOf(const std::string& path) { return StatOf(path).st_ino; }
+
+std::vector<std::string> NamesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace test_files
