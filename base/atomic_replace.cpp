@@ -39,17 +39,6 @@ std::optional<std::string> TemporaryName(const std::string& name) {
   return TemporaryPrefix(name) + digits.data();
 }
 
-bool WriteAll(int fd, std::string_view content) {
-  while (!content.empty()) {
-    const ssize_t count = write(fd, content.data(), content.size());
-    if (count < 0 && errno != EINTR) {
-      return false;
-    }
-    content.remove_prefix(static_cast<std::size_t>(count > 0 ? count : 0));
-  }
-  return true;
-}
-
 bool Flush(int fd) {
   int result = 0;
   do {
@@ -129,6 +118,19 @@ void RemoveLeftovers(int folder, const std::string& name) {
   }
 }
 
+}  // namespace
+
+bool WriteAll(int fd, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t count = write(fd, content.data(), content.size());
+    if (count < 0 && errno != EINTR) {
+      return false;
+    }
+    content.remove_prefix(static_cast<std::size_t>(count > 0 ? count : 0));
+  }
+  return true;
+}
+
 bool LockWithinLimit(int fd) {
   const auto deadline = std::chrono::steady_clock::now() + kLockLimit;
   for (long pause = kFirstPause; flock(fd, LOCK_EX | LOCK_NB) != 0;) {
@@ -141,8 +143,6 @@ bool LockWithinLimit(int fd) {
   }
   return true;
 }
-
-}  // namespace
 
 std::string FileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 

@@ -24,6 +24,13 @@ struct FileAttributes {
 // The last part of `path`.
 std::string FileNameOf(const std::string& path);
 
+// Writes all of `content`. False with errno set.
+[[nodiscard]] bool WriteAll(int fd, std::string_view content);
+
+// Takes the exclusive flock of `fd`, waiting 30 seconds for other holders at most. False with errno
+// set (EWOULDBLOCK when time ran out).
+[[nodiscard]] bool LockWithinLimit(int fd);
+
 // Opens the folder of `path` and locks it against every other writer that locks it so, waiting 30
 // seconds at most. The lock is the folder's and not the file's, because a file that is renamed over
 // takes its lock with it; it ends with the descriptor. None, with errno set (EWOULDBLOCK when time

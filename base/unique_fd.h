@@ -23,6 +23,9 @@ class UniqueFd {
   explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }
 
+  // Gives the descriptor away; the caller closes it.
+  [[nodiscard]] int Release() { return std::exchange(fd_, -1); }
+
   // Closes it now; false when that reports an error (data written to it may then be lost). The
   // descriptor is gone in any case. True when there was none.
   bool Close() {

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "file.h"
-#include "unique_fd.h"
 
 namespace hos_linux {
 
@@ -42,14 +42,9 @@ class LockedFolder {
   [[nodiscard]] bool IsPublicOfTheRoot(const std::string& name) const;
 
  private:
-  explicit LockedFolder(UniqueFd folder) : folder_(std::move(folder)) {}
+  explicit LockedFolder(base::UniqueFd folder) : folder_(std::move(folder)) {}
 
-  void RemoveLeftovers(const std::string& name) const;
-
-  UniqueFd folder_;
+  base::UniqueFd folder_;
 };
-
-// The last part of `path`.
-[[nodiscard]] std::string FileNameOf(const std::string& path);
 
 }  // namespace hos_linux

@@ -136,8 +136,8 @@ std::optional<int> Child::Wait() {
 }
 
 std::optional<int> Child::WaitFor(std::chrono::milliseconds limit) {
-  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
-  if (!process.valid()) {
+  const base::UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+  if (!process) {
     SetErrorFromErrno();
     return std::nullopt;
   }

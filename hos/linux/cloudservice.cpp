@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "atomic_replace.h"
+#include "base/atomic_replace.h"
 #include "device_facts.h"
 #include "error.h"
 #include "file.h"
@@ -170,7 +171,7 @@ Outcome ParseAnswer(const std::string& text) {
 bool StoreKey(const std::string& key) {
   if (mkdir(kKeyFolder, kKeyFolderMode) != 0 && errno != EEXIST) return FalseFromErrno();
   const std::optional<LockedFolder> folder = LockedFolder::Of(kKeyFile);
-  return folder && folder->Replace(FileNameOf(kKeyFile), key + "\n", Attributes::kPrivate);
+  return folder && folder->Replace(base::FileNameOf(kKeyFile), key + "\n", Attributes::kPrivate);
 }
 
 Outcome RegisterKey() {
@@ -219,7 +220,8 @@ int Guarded(Work work) {
 int DropKey() {
   const std::optional<LockedFolder> folder = LockedFolder::Of(kKeyFile);
   if (!folder) return Report(errno == ENOENT ? CloudError::kNone : CloudError::kLocal);
-  return Report(folder->Remove(FileNameOf(kKeyFile)) ? CloudError::kNone : CloudError::kLocal);
+  return Report(folder->Remove(base::FileNameOf(kKeyFile)) ? CloudError::kNone
+                                                           : CloudError::kLocal);
 }
 
 }  // namespace

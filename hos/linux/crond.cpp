@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "atomic_replace.h"
+#include "base/atomic_replace.h"
 #include "device_facts.h"
 #include "error.h"
 #include "schedule.h"
@@ -120,7 +121,7 @@ std::optional<std::string> ListText(const std::string& list, const Json::Value& 
 bool WriteList(const std::string& path, std::string_view text) {
   const std::optional<LockedFolder> folder = LockedFolder::Of(path);
   if (!folder) return false;
-  const std::string name = FileNameOf(path);
+  const std::string name = base::FileNameOf(path);
   // An untouched file keeps its time stamp, and cron does not read it anew.
   if (folder->IsPublicOfTheRoot(name) && folder->Read(name).text == text) return true;
   return folder->Replace(name, text, Attributes::kPublicOfTheRoot);
@@ -136,7 +137,7 @@ bool SaveList(const std::string& name, const Json::Value& jobs) {
 bool RemoveList(const std::string& name) {
   if (!IsName(name)) return False(kBadArgument);
   const std::optional<LockedFolder> folder = LockedFolder::Of(kListPrefix);
-  return folder && folder->Remove(FileNameOf(kListPrefix + name));
+  return folder && folder->Remove(base::FileNameOf(kListPrefix + name));
 }
 
 // What follows `fields` blank-separated fields of `line`.
@@ -175,7 +176,7 @@ std::string WithoutCommand(std::string_view text, std::string_view command) {
 int RemoveFromOldSchedule(std::string_view command) {
   const std::optional<LockedFolder> folder = LockedFolder::Of(kOldSchedule);
   if (!folder) return -1;
-  const std::string name = FileNameOf(kOldSchedule);
+  const std::string name = base::FileNameOf(kOldSchedule);
   const FileText file = folder->Read(name);
   if (file.state == ReadState::kMissing) return 0;
   if (file.state == ReadState::kFailed) return -1;

@@ -1,25 +1,19 @@
 #include "file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <ctime>
 
+#include "base/unique_fd.h"
 #include "error.h"
 #include "keyvalue_text.h"
-#include "unique_fd.h"
 
 namespace hos_linux {
 namespace {
 
-constexpr std::chrono::seconds kLockLimit{30};
-constexpr long kFirstPauseNs = 500'000;
-constexpr long kLongestPauseNs = 20'000'000;
 constexpr std::size_t kFirstLineLimit = 4096;
 constexpr std::string_view kBlanks{" \t\r\n\v\f\0", 7};
 
@@ -41,18 +35,14 @@ bool ReadToEnd(int fd, std::size_t limit, std::string& text) {
   return False(kTooBig);
 }
 
-void Pause(long nanoseconds) {
-  const timespec pause = {0, nanoseconds};
-  nanosleep(&pause, nullptr);
-}
-
 }  // namespace
 
 FileText ReadFileAt(int folder, const char* path, std::size_t limit, Links links) {
   const int no_link = links == Links::kRefuse ? O_NOFOLLOW : 0;
-  const UniqueFd fd(openat(folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | no_link));
+  const base::UniqueFd fd(
+      openat(folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | no_link));
   FileText file;
-  if (!fd.valid()) {
+  if (!fd) {
     file.state = errno == ENOENT ? ReadState::kMissing : ReadState::kFailed;
     SetErrorFromErrno();
   } else if (!IsRegular(fd.get())) {
@@ -80,26 +70,6 @@ std::optional<std::string> ReadKey(const char* path, const char* key) {
   const auto value = FindValue(file.text, key, "=");
   if (file.state != ReadState::kRead || !value || value->empty()) return std::nullopt;
   return std::string(*value);
-}
-
-bool WriteAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(fd, text.data(), text.size());
-    if (written < 0 && errno != EINTR) return FalseFromErrno();
-    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
-bool LockWithinLimit(int fd) {
-  const auto deadline = std::chrono::steady_clock::now() + kLockLimit;
-  for (long pause = kFirstPauseNs; flock(fd, LOCK_EX | LOCK_NB) != 0;) {
-    if (errno != EWOULDBLOCK && errno != EINTR) return FalseFromErrno();
-    if (std::chrono::steady_clock::now() >= deadline) return False(kBusy);
-    Pause(pause);
-    pause = std::min(pause * 2, kLongestPauseNs);
-  }
-  return true;
 }
 
 int CopyOut(std::string_view text, char* buffer, int size) {

@@ -1,4 +1,4 @@
-// Reading and writing whole small files, and waiting for their locks.
+// Reading whole small files.
 #pragma once
 
 #include <cstddef>
@@ -28,11 +28,6 @@ enum class Links { kFollow, kRefuse };
 
 // The value of `key` in the key-value file `path`; nothing when file, key or value is missing.
 [[nodiscard]] std::optional<std::string> ReadKey(const char* path, const char* key);
-
-[[nodiscard]] bool WriteAll(int fd, std::string_view text);
-
-// Takes the exclusive flock of `fd`, waiting up to 30 seconds for other holders.
-[[nodiscard]] bool LockWithinLimit(int fd);
 
 // Copies `text`, cut at its first NUL and at size - 1 bytes, into `buffer` of `size` bytes (1 or
 // more) and ends it with NUL. Gives the length of the copy.

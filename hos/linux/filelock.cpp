@@ -5,16 +5,16 @@
 
 #include <cerrno>
 
+#include "base/unique_fd.h"
 #include "error.h"
-#include "unique_fd.h"
 
 extern "C" {
 
 int KLIBCFileLockByFile(const char* path, int exclusive, int* fd) {
   if (path == nullptr || fd == nullptr) return hos_linux::False(hos_linux::kBadArgument) ? 1 : 0;
   // Lock files stand in folders where anybody may put a link or a pipe in their place.
-  hos_linux::UniqueFd lock(open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-  if (!lock.valid()) return hos_linux::FalseFromErrno() ? 1 : 0;
+  base::UniqueFd lock(open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  if (!lock) return hos_linux::FalseFromErrno() ? 1 : 0;
   const int kind = exclusive == 0 ? LOCK_SH : LOCK_EX;
   while (flock(lock.get(), kind | LOCK_NB) != 0) {
     if (errno != EINTR) return hos_linux::FalseFromErrno() ? 1 : 0;

@@ -7,9 +7,10 @@
 #include <cerrno>
 #include <ctime>
 
+#include "base/atomic_replace.h"
+#include "base/unique_fd.h"
 #include "error.h"
 #include "file.h"
-#include "unique_fd.h"
 
 namespace hos_linux {
 namespace {
@@ -33,7 +34,8 @@ bool AppendLine(int fd, std::string line) {
   if (fstat(fd, &info) != 0) return FalseFromErrno();
   if (!S_ISREG(info.st_mode)) return False(kBadContent);
   if (EndsInsideLine(fd, info.st_size)) line.insert(0, 1, '\n');
-  if (WriteAll(fd, line)) return true;
+  if (base::WriteAll(fd, line)) return true;
+  SetErrorFromErrno();
   if (ftruncate(fd, info.st_size) != 0) SetErrorFromErrno();
   return false;
 }
@@ -52,9 +54,10 @@ bool AppendJsonLine(const std::string& path, Json::Value record) {
   if (!EnsureFolderOf(path)) return false;
   constexpr int kFlags =
       O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  const UniqueFd fd(open(path.c_str(), kFlags, kFileMode));
-  if (!fd.valid()) return FalseFromErrno();
-  return LockWithinLimit(fd.get()) && AppendLine(fd.get(), OneLine(record) + "\n");
+  const base::UniqueFd fd(open(path.c_str(), kFlags, kFileMode));
+  if (!fd) return FalseFromErrno();
+  if (!base::LockWithinLimit(fd.get())) return FalseFromErrno();
+  return AppendLine(fd.get(), OneLine(record) + "\n");
 }
 
 }  // namespace hos_linux

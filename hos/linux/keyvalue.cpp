@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "atomic_replace.h"
+#include "base/atomic_replace.h"
 #include "error.h"
 #include "file.h"
 #include "keyvalue_text.h"
@@ -33,7 +34,7 @@ int GetKeyValue(const char* path, const char* key, char* buffer, int size) {
 bool ReplaceLine(const std::string& path, std::string_view key, std::string_view line) {
   const std::optional<LockedFolder> folder = LockedFolder::Of(path);
   if (!folder) return false;
-  const std::string name = FileNameOf(path);
+  const std::string name = base::FileNameOf(path);
   const FileText file = folder->Read(name);
   if (file.state == ReadState::kFailed) return false;
   const std::string text = WithLine(file.text, key, line);

@@ -13,9 +13,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "child.h"
 #include "error.h"
-#include "unique_fd.h"
 
 struct KLIBPLUGIN {
   std::string action;
@@ -31,7 +31,7 @@ enum class FolderState { kOpen, kMissing, kRefused };
 
 struct Folder {
   FolderState state = FolderState::kRefused;
-  UniqueFd fd;
+  base::UniqueFd fd;
 };
 
 // Action names are folder names below the plug-in root, and must stay below it.
@@ -51,9 +51,9 @@ bool IsTrusted(const struct stat& info) {
 Folder OpenTrusted(int parent, const std::string& name) {
   Folder folder;
   folder.fd =
-      UniqueFd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      base::UniqueFd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info = {};
-  if (!folder.fd.valid()) {
+  if (!folder.fd) {
     folder.state = errno == ENOENT ? FolderState::kMissing : FolderState::kRefused;
     SetErrorFromErrno();
   } else if (fstat(folder.fd.get(), &info) != 0 || !IsTrusted(info)) {
@@ -83,7 +83,7 @@ bool IsProgram(int folder, const std::string& name, struct stat& info) {
 }
 
 // The entries that are meant as plug-ins, in name order; nothing when the folder cannot be read.
-std::optional<std::vector<std::string>> PluginNames(UniqueFd folder) {
+std::optional<std::vector<std::string>> PluginNames(base::UniqueFd folder) {
   const std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(folder.get()), closedir);
   if (listing == nullptr) {
     SetErrorFromErrno();

@@ -16,7 +16,9 @@
 namespace nodelink {
 namespace {
 
-constexpr std::size_t kLargestRecord = 1024 * 1024;
+// Well above what the largest answers can make of it, so that no answer makes a record that stays
+// unwritable.
+constexpr std::size_t kLargestRecord = 8 * 1024 * 1024;
 constexpr base::FileAttributes kRoots = {0600, 0, 0};
 
 bool ReplaceRecord(const std::string& content) {

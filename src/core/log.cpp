@@ -2,19 +2,34 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <string>
 
 namespace nodelink {
 namespace {
 
+// The system log takes one datagram a line and drops a larger one whole, in silence. Answers of
+// servers, which some lines quote, can be that large.
+constexpr std::size_t kLongestMessage = 128 * 1024;
+
+std::string Message(const char* format, va_list values) {
+  va_list again;
+  va_copy(again, values);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, values);
+  text.resize(std::min(text.size() - 1, kLongestMessage));
+  return text;
+}
+
 void LogLine(int priority, LogSite site, const char* format, va_list values) {
-  const int saved_errno = errno;  // the text of %m, and the caller's after the call
-  std::string line(site.file);
-  line.append(":").append(std::to_string(site.line)).append(" ").append(format);
-  errno = saved_errno;
-  vsyslog(priority, line.c_str(), values);
+  const int saved_errno = errno;  // the caller's
+  syslog(priority, "%.*s:%d %s", static_cast<int>(site.file.size()), site.file.data(), site.line,
+         Message(format, values).c_str());
   errno = saved_errno;
 }
 

@@ -23,8 +23,8 @@ inline constexpr std::size_t kDeviceTokenSize = 33;  // 32 lower-case hex digits
 // MD5(text). Texts are cut at 4095 bytes. Returns 0, or -1 (logged).
 [[nodiscard]] int TokenHashRounds(const char* text, char* output, std::size_t size);
 
-// Writes the MD5 of `text` as 32 lower-case hex digits and, where it fits, a NUL. Returns 0; -1
-// when `text` is null, `size` is below 32, or the digest fails.
+// Writes the MD5 of `text` as 32 lower-case hex digits and a NUL, cut to `size` bytes. Returns 0;
+// -1 when `text` is null, `size` is below 32, or the digest fails.
 [[nodiscard]] int Md5Hex(const char* text, char* output, std::size_t size);
 
 }  // namespace nodelink

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "devcloud/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace devcloud_test {
 namespace {
@@ -98,7 +98,7 @@ ClientAnswer HttpClient::Send(const ClientRequest& request) {
 }
 
 std::string ExchangeRaw(std::uint16_t port, std::string_view bytes) {
-  const devcloud::UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const base::UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_port = htons(port);

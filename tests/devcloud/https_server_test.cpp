@@ -10,13 +10,14 @@
 #include <string>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "devcloud/connection.h"
 #include "devcloud/listener.h"
-#include "devcloud/unique_fd.h"
 #include "http_client.h"
 
 namespace {
 
+using base::UniqueFd;
 using devcloud::Authority;
 using devcloud::Delivery;
 using devcloud::HttpsServer;
@@ -24,7 +25,6 @@ using devcloud::Request;
 using devcloud::Response;
 using devcloud::TlsSettings;
 using devcloud::TlsVersion;
-using devcloud::UniqueFd;
 using devcloud_test::ClientAnswer;
 using devcloud_test::ExchangeRaw;
 using devcloud_test::HttpClient;
@@ -218,11 +218,11 @@ TEST(HttpsServerTest, StopEndsEverythingAtOnce) {
 TEST(ConnectionTest, APauseEndsWhenThePeerLeaves) {
   std::array<int, 2> ends{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-  UniqueFd peer{ends[1]};
-  const UniqueFd never_stopping(::eventfd(0, EFD_CLOEXEC));
-  const devcloud::Connection connection(UniqueFd{ends[0]}, never_stopping.get(), hours(1));
+  base::UniqueFd peer{ends[1]};
+  const base::UniqueFd never_stopping(::eventfd(0, EFD_CLOEXEC));
+  const devcloud::Connection connection(base::UniqueFd{ends[0]}, never_stopping.get(), hours(1));
   EXPECT_TRUE(connection.Pause(milliseconds(1)));
-  peer = UniqueFd();
+  peer = base::UniqueFd();
   EXPECT_FALSE(connection.Pause(hours(1)));
 }
 

@@ -11,25 +11,25 @@
 #include <string>
 #include <vector>
 
-#include "devcloud/unique_fd.h"
+#include "base/unique_fd.h"
 #include "http_client.h"
 #include "temporary_folder.h"
 
 namespace devcloud_test {
 namespace {
 
-using devcloud::UniqueFd;
+using base::UniqueFd;
 using testing::StartsWith;
 
 struct Pipe {
   Pipe() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    read = UniqueFd(ends[0]);
-    write = UniqueFd(ends[1]);
+    read = base::UniqueFd(ends[0]);
+    write = base::UniqueFd(ends[1]);
   }
-  UniqueFd read;
-  UniqueFd write;
+  base::UniqueFd read;
+  base::UniqueFd write;
 };
 
 class Program {
@@ -48,8 +48,8 @@ class Program {
         ::posix_spawn(&pid_, DEVCLOUD_PROGRAM, &actions, nullptr, words.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (failed != 0) throw std::runtime_error("posix_spawn");
-    out_.write = UniqueFd();
-    err_.write = UniqueFd();
+    out_.write = base::UniqueFd();
+    err_.write = base::UniqueFd();
   }
   ~Program() {
     if (pid_ > 0) {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "klibc/keyvalue.h"
 #include "test_files.h"
-#include "unique_fd.h"
 
 namespace hos_linux {
 namespace {
@@ -79,8 +79,8 @@ TEST_F(AtomicReplace, AKilledWriterLeavesAWholeFile) {
   for (int round = 0; round < 100; ++round) {
     int ends[2] = {-1, -1};
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const UniqueFd reader(ends[0]);
-    UniqueFd writer(ends[1]);
+    const base::UniqueFd reader(ends[0]);
+    base::UniqueFd writer(ends[1]);
     const pid_t child = InChild([&] { return WriteForever(writer.get()); });
     char mark = 0;
     for (int i = 0; i <= round % 5; ++i) ASSERT_EQ(read(reader.get(), &mark, 1), 1);
@@ -125,7 +125,7 @@ TEST_F(AtomicReplace, TheUmaskChangesNothing) {
 
 TEST_F(AtomicReplace, AReaderKeepsTheOldFileWhileANewOneComes) {
   test_files::Write(kFile, "key=\"old\"\n");
-  const UniqueFd reader(open(kFile, O_RDONLY | O_CLOEXEC));
+  const base::UniqueFd reader(open(kFile, O_RDONLY | O_CLOEXEC));
   ASSERT_GE(KLIBCFileSetKeyValue(kFile, "key", "new", kLineFormat), 0);
   char text[32] = "";
   EXPECT_EQ(read(reader.get(), text, sizeof text - 1), 10);
@@ -147,12 +147,12 @@ TEST_F(AtomicReplace, ADiskThatIsFullLeavesTheOldFileAndNothingElse) {
 }
 
 TEST_F(AtomicReplace, WaitsForAnotherWriter) {
-  const UniqueFd folder(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const base::UniqueFd folder(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
   int ends[2] = {-1, -1};
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
+  const base::UniqueFd reader(ends[0]);
+  base::UniqueFd writer(ends[1]);
   const pid_t child = InChild([&] {
     if (write(writer.get(), "x", 1) != 1) return 2;
     return KLIBCFileSetKeyValue(kFile, "key", "v", kLineFormat) < 0 ? 1 : 0;

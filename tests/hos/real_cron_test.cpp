@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "kivo/crond.h"
 #include "test_files.h"
-#include "unique_fd.h"
 
 namespace {
 
@@ -79,8 +79,8 @@ TEST(RealCron, GivesTheProgramItsWordsAsTheyAre) {
   Json::Value jobs(Json::arrayValue);
   jobs.append(job);
   ASSERT_EQ(mkfifo(kPipe, 0600), 0);
-  const hos_linux::UniqueFd pipe(open(kPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC));
-  ASSERT_TRUE(pipe.valid());
+  const base::UniqueFd pipe(open(kPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_TRUE(pipe);
   ASSERT_TRUE(KIVO::KIVOCrond::ConfigManager("words", false).Save(jobs));
   const RunningCron cron;
   EXPECT_EQ(ReadUntil(pipe.get(), "the end\n"), expected);

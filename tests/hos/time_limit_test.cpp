@@ -5,10 +5,10 @@
 
 #include <string>
 
+#include "base/unique_fd.h"
 #include "klib/plugin.h"
 #include "klibc/keyvalue.h"
 #include "test_files.h"
-#include "unique_fd.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ TEST(TimeLimit, APluginThatRunsOutOfTimeIsKilledWithItsChildren) {
 
 TEST(TimeLimit, AWriterThatNeverGetsTheFolderFails) {
   test_files::MakeFolder("/tmp/held");
-  const hos_linux::UniqueFd folder(open("/tmp/held", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const base::UniqueFd folder(open("/tmp/held", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
   EXPECT_LT(KLIBCFileSetKeyValue("/tmp/held/record.conf", "key", "v", "%s=\"%s\"\n"), 0);
   EXPECT_TRUE(test_files::NamesIn("/tmp/held").empty());
