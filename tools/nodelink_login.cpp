@@ -1,4 +1,6 @@
 // nodelink-login: the administrator's way to link this device to an account.
+#include <malloc.h>
+
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -83,6 +85,9 @@ int Fail(std::uint32_t code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Overwrites every block of memory when it is freed: the requests are made of copies of the
+  // password.
+  mallopt(M_PERTURB, 0x5a);
   try {
     return Run(argc, argv);
   } catch (const nodelink::ZomiException& failure) {

@@ -1,7 +1,10 @@
 // A device's life with its account: login, report, token renewal and rescue, notices, logout.
 #include <json/reader.h>
 #include <json/value.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <memory>
@@ -21,6 +24,18 @@ using testing::SizeIs;
 
 constexpr char kReportPath[] = "/device/api/report";
 constexpr char kTokenPath[] = "/oauth2/v1/token";
+
+constexpr char kApiKey[] = "/usr/kivo/etc/cloudservice/api_key";
+
+// What a terminal shows up to and with `end`, or all of it when its program ends before.
+std::string ReadUntil(int terminal, const std::string& end) {
+  std::string shown;
+  char byte = '\0';
+  while (!shown.ends_with(end) && read(terminal, &byte, 1) == 1) {
+    shown += byte;
+  }
+  return shown;
+}
 
 class Session : public DeviceTest {
  protected:
@@ -91,6 +106,68 @@ TEST_F(Session, ThePasswordIsNeverLogged) {
     EXPECT_THAT(line.raw, Not(HasSubstr(kPassword)));
     EXPECT_THAT(line.raw, Not(HasSubstr("another secret")));
   }
+}
+
+TEST_F(Session, ThePasswordIsAskedForWithoutEcho) {
+  int terminal = -1;
+  const pid_t login = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(login, 0);
+  if (login == 0) {
+    execl("/usr/kivo/bin/nodelink-login", "nodelink-login", "--password", kEmail, nullptr);
+    _exit(127);
+  }
+  std::string shown = ReadUntil(terminal, "Password: ");
+  const std::string answer = std::string(kPassword) + "\n";
+  ASSERT_EQ(write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+  shown += ReadUntil(terminal, "\x04 never comes");
+  int status = -1;
+  ASSERT_EQ(waitpid(login, &status, 0), login);
+  close(terminal);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(shown, "Password: \r\nLogged in as anna@example.org\r\n");
+}
+
+TEST_F(Session, AnApiKeyThatTheServerDoesNotKnowIsRegisteredAnew) {
+  LogInByPassword();
+  const std::string old_key = ReadFile(kApiKey);
+  devcloud::Device device = cloud_.store().FindDevice(kSerial).value();
+  device.api_key.reset();
+  cloud_.store().PutDevice(device);
+  LogInByPassword();
+  EXPECT_NE(ReadFile(kApiKey), old_key);
+  EXPECT_THAT(Log(), Contains("zomi_account_login ApiKey not found. Register new one."));
+}
+
+TEST_F(Session, AnExpiredApiKeyIsDroppedForTheNextLogin) {
+  LogInByPassword();
+  devcloud::Device device = cloud_.store().FindDevice(kSerial).value();
+  device.api_key_expired = true;
+  cloud_.store().PutDevice(device);
+  EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
+            "nodelink-login: System error (code 27)\n");
+  EXPECT_FALSE(Exists(kApiKey));
+  LogInByPassword();
+}
+
+TEST_F(Session, ARefusedRegistrationOfAnApiKeyFailsTheLogin) {
+  devcloud::FaultRule rule;
+  rule.path = "/cloudservice/api/v1/apikey/register";
+  rule.status = 200;
+  for (const char* body : {"", "{}", "{\"api_key\": {}}", "{\"api_key\": \"two\\nlines\"}"}) {
+    SCOPED_TRACE(body);
+    rule.body = body;
+    const auto id = cloud_.faults().Add(rule);
+    EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
+              "nodelink-login: System error (code 24)\n");
+    EXPECT_FALSE(Exists(kApiKey));
+    cloud_.faults().Remove(id);
+  }
+}
+
+TEST_F(Session, WithoutANetworkTheRegistrationSaysSo) {
+  cloud_.Stop();
+  EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
+            "nodelink-login: System error (code 15)\n");
 }
 
 TEST_F(Session, WrongUsageIsSaidOnStandardError) {
