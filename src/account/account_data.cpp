@@ -1,5 +1,6 @@
 #include "account/account_data.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -61,7 +62,7 @@ void Assign(const IntegerKey& key, const std::string& text, std::int64_t& field)
 // be read must not pass for empty, or the server would be asked without the device's credentials.
 bool ReadValues(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
   return KLIBCFileGetKeys(record::kPath, keys, values, "=") >= 0 ||
-         (access(record::kPath, F_OK) != 0 && errno == ENOENT);
+         (faccessat(AT_FDCWD, record::kPath, F_OK, AT_EACCESS) != 0 && errno == ENOENT);
 }
 
 }  // namespace

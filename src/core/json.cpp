@@ -28,6 +28,10 @@ const Json::Value* Member(const Json::Value& object, const char* name) {
 }  // namespace
 
 bool fromString(const std::string& text, Json::Value& value) {
+  value = Json::Value();
+  if (text.find('\0') != std::string::npos) {
+    return false;  // jsoncpp would take it for the end of the text
+  }
   try {
     const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
     if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
