@@ -83,7 +83,7 @@ std::string RunInChild(const std::function<std::string()>& flow) {
     BeChild(flow, in.get());
   }
   in = base::UniqueFd();
-  const std::string text = ReadAll(out.get());
+  std::string text = ReadAll(out.get());
   ExpectEnded(child, text);
   return text;
 }

@@ -43,7 +43,6 @@ char* __real_curl_easy_escape(CURL* curl, const char* text, int length);
 CURLcode __real_curl_easy_setopt(CURL* curl, CURLoption option, ...);
 CURLcode __real_curl_easy_perform(CURL* curl);
 CURLcode __real_curl_easy_getinfo(CURL* curl, CURLINFO info, ...);
-std::chrono::system_clock::time_point __real__ZNSt6chrono3_V212system_clock3nowEv();
 
 std::time_t __wrap_time(std::time_t* result) {
   if (!hooks().time) {
@@ -54,11 +53,6 @@ std::time_t __wrap_time(std::time_t* result) {
     *result = now;
   }
   return now;
-}
-
-std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv() {
-  return hooks().system_clock_now ? hooks().system_clock_now()
-                                  : __real__ZNSt6chrono3_V212system_clock3nowEv();
 }
 
 unsigned int __wrap_sleep(unsigned int seconds) {
@@ -148,9 +142,11 @@ char* __wrap_curl_easy_escape(CURL* curl, const char* text, int length) {
   return result ? *result : __real_curl_easy_escape(curl, text, length);
 }
 
-CURLcode __wrap_curl_easy_setopt(CURL* curl, CURLoption option, ...) {
+// The enums as numbers: a type that promotion changes cannot stand before the dots.
+CURLcode __wrap_curl_easy_setopt(CURL* curl, unsigned int number, ...) {
+  const auto option = static_cast<CURLoption>(number);
   va_list values;
-  va_start(values, option);
+  va_start(values, number);
   interpose::CurlValue value;
   const bool is_pointer = option >= CURLOPTTYPE_OBJECTPOINT && option < CURLOPTTYPE_OFF_T;
   if (is_pointer) {
@@ -174,9 +170,10 @@ CURLcode __wrap_curl_easy_perform(CURL* curl) {
   return result ? *result : __real_curl_easy_perform(curl);
 }
 
-CURLcode __wrap_curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
+CURLcode __wrap_curl_easy_getinfo(CURL* curl, unsigned int number, ...) {
+  const auto info = static_cast<CURLINFO>(number);
   va_list values;
-  va_start(values, info);
+  va_start(values, number);
   void* const place = va_arg(values, void*);
   va_end(values);
   const auto result = hooks().curl_getinfo ? hooks().curl_getinfo(info) : std::nullopt;
@@ -185,6 +182,16 @@ CURLcode __wrap_curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,readability-identifier-naming)
 
 }  // extern "C"
+
+// A member function of C++, under the names that the linker looks for.
+std::chrono::system_clock::time_point RealNow() __asm__(
+    "__real__ZNSt6chrono3_V212system_clock3nowEv");
+std::chrono::system_clock::time_point WrapNow() __asm__(
+    "__wrap__ZNSt6chrono3_V212system_clock3nowEv");
+
+std::chrono::system_clock::time_point WrapNow() {
+  return hooks().system_clock_now ? hooks().system_clock_now() : RealNow();
+}
 
 namespace interpose {
 

@@ -1,0 +1,225 @@
+#include "core/json.h"
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <string>
+
+#include "support/platform_test.h"
+#include "support/test_name.h"
+
+namespace nodelink::json {
+namespace {
+
+using testing::ElementsAre;
+using testing::Eq;
+using testing::Optional;
+
+constexpr char kFolder[] = "/tmp/json_test";
+constexpr char kFile[] = "/tmp/json_test/value.json";
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+
+std::vector<std::string> NamesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  return names;
+}
+
+unsigned int ModeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+Json::Value Parsed(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(fromString(text, value)) << text;
+  return value;
+}
+
+class JsonTest : public PlatformTest {
+ protected:
+  JsonTest() {
+    std::filesystem::remove_all(kFolder);
+    std::filesystem::create_directory(kFolder);
+  }
+  ~JsonTest() override { std::filesystem::remove_all(kFolder); }
+};
+
+TEST_F(JsonTest, TextOfAValueIsOneLineWithMembersInOrderOfTheirNames) {
+  EXPECT_EQ(toString(Parsed("{\"b\": [1, 2.5, null],\n \"a\": {\"x\": true}}")),
+            R"({"a":{"x":true},"b":[1,2.5,null]})");
+}
+
+TEST_F(JsonTest, TextKeepsUtf8AndEscapesControlCharacters) {
+  Json::Value value(Json::objectValue);
+  value["name"] = "Zo\xc3\xab \"\n";
+  EXPECT_EQ(toString(value), "{\"name\":\"Zo\xc3\xab \\\"\\n\"}");
+}
+
+TEST_F(JsonTest, EmptyObjectHasAText) { EXPECT_EQ(toString(Json::objectValue), "{}"); }
+
+class NotJsonTest : public JsonTest, public testing::WithParamInterface<Sample> {};
+
+TEST_P(NotJsonTest, DoesNotParseAndLeavesNull) {
+  Json::Value value("old");
+  EXPECT_FALSE(fromString(GetParam().text, value));
+  EXPECT_TRUE(value.isNull());
+}
+
+TEST_P(NotJsonTest, DoesNotParseFromAFileEither) {
+  WriteFile(kFile, GetParam().text);
+  Json::Value value("old");
+  EXPECT_FALSE(fromFile(kFile, value));
+  EXPECT_TRUE(value.isNull());
+}
+
+std::string Nested(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+INSTANTIATE_TEST_SUITE_P(Texts, NotJsonTest,
+                         testing::Values("", " ", "{", "}", "{\"a\":}", "{\"a\":1", "{} x", "[1,2",
+                                         "tru", "<html></html>", "\"unterminated", "{\"a\":1}{}",
+                                         std::string("\0", 1), "\xff\xfe", "{'a':1}", "nan",
+                                         Nested(1'001), Nested(100'000),
+                                         std::string(1'000'000, '['), std::string(100'000, '{')));
+
+TEST_F(JsonTest, EveryCutOfATextIsRefusedOrRead) {
+  const std::string text = R"({"a":{"b":[1,-2.5e3,"x\u00e9\n",true,false,null]},"c":""})";
+  for (std::size_t length = 0; length < text.size(); ++length) {
+    Json::Value value;
+    EXPECT_FALSE(fromString(text.substr(0, length), value)) << length;
+  }
+  EXPECT_EQ(Parsed(text)["a"]["b"][1].asDouble(), -2500);
+}
+
+TEST_F(JsonTest, NulBehindTheValueDoesNotParse) {
+  Json::Value value;
+  EXPECT_FALSE(fromString(std::string("{}\0", 3), value));
+  EXPECT_FALSE(fromString(std::string("{}\0{\"code\": \"good\"}", 19), value));
+}
+
+TEST_F(JsonTest, NulInsideATextIsKept) {
+  EXPECT_EQ(Parsed(R"("a\u0000b")").asString(), std::string("a\0b", 3));
+}
+
+TEST_F(JsonTest, MissingFileDoesNotParse) {
+  Json::Value value;
+  EXPECT_FALSE(fromFile("/tmp/json_test/none.json", value));
+}
+
+TEST_F(JsonTest, FolderAndFifoAreNoFilesToParse) {
+  Json::Value value;
+  EXPECT_FALSE(fromFile(kFolder, value));
+  ASSERT_EQ(mkfifo(kFile, 0600), 0);
+  EXPECT_FALSE(fromFile(kFile, value));  // and comes back at once
+}
+
+TEST_F(JsonTest, FileOfOneMebibyteParsesAndALargerOneDoesNot) {
+  const std::string text = "\"" + std::string(kMebibyte - 2, 'x') + "\"";
+  WriteFile(kFile, text);
+  Json::Value value;
+  EXPECT_TRUE(fromFile(kFile, value));
+  WriteFile(kFile, text + " ");
+  EXPECT_FALSE(fromFile(kFile, value));
+}
+
+TEST_F(JsonTest, WrittenFileIsIndentedPrivateAndReadBack) {
+  Json::Value value;
+  value["name"] = "Zo\xc3\xab";
+  EXPECT_TRUE(toFile(value, kFile));
+  EXPECT_EQ(ReadFile(kFile), "{\n  \"name\" : \"Zo\xc3\xab\"\n}\n");
+  EXPECT_EQ(ModeOf(kFile), 0600U);
+  Json::Value read;
+  EXPECT_TRUE(fromFile(kFile, read));
+  EXPECT_EQ(read, value);
+}
+
+TEST_F(JsonTest, OpenFileIsReplacedByAPrivateOne) {
+  WriteFile(kFile, std::string(5'000, 'x'), 0666);
+  EXPECT_TRUE(toFile(Json::Value(1), kFile));
+  EXPECT_EQ(ReadFile(kFile), "1\n");
+  EXPECT_EQ(ModeOf(kFile), 0600U);
+  EXPECT_THAT(NamesIn(kFolder), ElementsAre("value.json"));
+}
+
+TEST_F(JsonTest, LinkInTheFilesPlaceIsReplacedAndNotFollowed) {
+  const std::string target = std::string(kFolder) + "/target";
+  WriteFile(target, "precious");
+  std::filesystem::create_symlink(target, kFile);
+  EXPECT_TRUE(toFile(Json::Value(1), kFile));
+  EXPECT_EQ(ReadFile(target), "precious");
+  EXPECT_FALSE(std::filesystem::is_symlink(kFile));
+}
+
+TEST_F(JsonTest, FailedWriteLeavesNothingBehind) {
+  EXPECT_FALSE(toFile(Json::Value(1), "/tmp/json_test/none/value.json"));
+  std::filesystem::create_directory(kFile);
+  EXPECT_FALSE(toFile(Json::Value(1), kFile));
+  EXPECT_THAT(NamesIn(kFolder), ElementsAre("value.json"));
+}
+
+// One object that has a member of every type.
+const Json::Value& Zoo() {
+  static const Json::Value zoo = Parsed(R"({
+      "text": "hi", "empty": "", "number": 42, "low": -9223372036854775808,
+      "high": 9223372036854775807, "real": 2.5, "zero": 0, "yes": true, "no": false,
+      "null": null, "object": {"x": 1}, "list": [1]})");
+  return zoo;
+}
+
+TEST_F(JsonTest, TextMemberReadsTextsNumbersAndFlags) {
+  EXPECT_THAT(TextMember(Zoo(), "text"), Optional(Eq("hi")));
+  EXPECT_THAT(TextMember(Zoo(), "empty"), Optional(Eq("")));
+  EXPECT_THAT(TextMember(Zoo(), "number"), Optional(Eq("42")));
+  EXPECT_THAT(TextMember(Zoo(), "low"), Optional(Eq("-9223372036854775808")));
+  EXPECT_THAT(TextMember(Zoo(), "high"), Optional(Eq("9223372036854775807")));
+  EXPECT_THAT(TextMember(Zoo(), "real"), Optional(Eq("2.5")));
+  EXPECT_THAT(TextMember(Zoo(), "yes"), Optional(Eq("true")));
+  EXPECT_THAT(TextMember(Zoo(), "no"), Optional(Eq("false")));
+}
+
+TEST_F(JsonTest, BoolMemberReadsFlagsAndNumbers) {
+  EXPECT_THAT(BoolMember(Zoo(), "yes"), Optional(true));
+  EXPECT_THAT(BoolMember(Zoo(), "no"), Optional(false));
+  EXPECT_THAT(BoolMember(Zoo(), "number"), Optional(true));
+  EXPECT_THAT(BoolMember(Zoo(), "zero"), Optional(false));
+}
+
+TEST_F(JsonTest, ObjectMemberReadsObjects) {
+  ASSERT_NE(ObjectMember(Zoo(), "object"), nullptr);
+  EXPECT_EQ((*ObjectMember(Zoo(), "object"))["x"].asInt(), 1);
+}
+
+TEST_F(JsonTest, MembersOfAnotherTypeCountAsMissing) {
+  for (const char* name : {"null", "object", "list", "none"}) {
+    EXPECT_EQ(TextMember(Zoo(), name), std::nullopt) << name;
+    EXPECT_EQ(BoolMember(Zoo(), name), std::nullopt) << name;
+  }
+  for (const char* name : {"text", "empty"}) {
+    EXPECT_EQ(BoolMember(Zoo(), name), std::nullopt) << name;
+  }
+  for (const char* name : {"text", "number", "yes", "null", "list", "none"}) {
+    EXPECT_EQ(ObjectMember(Zoo(), name), nullptr) << name;
+  }
+}
+
+TEST_F(JsonTest, ValueThatIsNoObjectHasNoMembers) {
+  for (const char* text : {"[]", "[{\"text\":1}]", "\"text\"", "1", "true", "null"}) {
+    const Json::Value value = Parsed(text);
+    EXPECT_EQ(TextMember(value, "text"), std::nullopt) << text;
+    EXPECT_EQ(BoolMember(value, "text"), std::nullopt) << text;
+    EXPECT_EQ(ObjectMember(value, "text"), nullptr) << text;
+  }
+}
+
+TEST_F(JsonTest, LookingForAMemberDoesNotAddIt) {
+  const Json::Value value = Parsed("{}");
+  EXPECT_EQ(TextMember(value, "text"), std::nullopt);
+  EXPECT_TRUE(value.empty());
+}
+
+}  // namespace
+}  // namespace nodelink::json
