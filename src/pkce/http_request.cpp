@@ -1,8 +1,8 @@
 #include "pkce/http_request.h"
 
 #include <cpr/cpr.h>
+#include <curl/curl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <string_view>
 
@@ -12,15 +12,25 @@ namespace {
 constexpr std::chrono::milliseconds kTimeout{30'000};
 constexpr std::size_t kLargestBody = 1024 * 1024;
 
-bool HasLineBreak(const HttpHeaders& headers) {
-  return std::any_of(headers.begin(), headers.end(), [](const auto& header) {
-    return header.second.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
-  });
+bool HasLineBreak(const std::string& value) {
+  return value.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
 }
 
 // Values come from servers and files: one with a line break would be a header of its own.
-bool AreSendable(const std::vector<HttpHeaders>& sets) {
-  return std::none_of(sets.begin(), sets.end(), HasLineBreak);
+bool IsSendable(const HttpRequest& request) {
+  bool sendable = !HasLineBreak(request.user_agent);
+  for (const HttpHeaders& set : request.header_sets) {
+    for (const auto& [name, value] : set) {
+      sendable = sendable && !HasLineBreak(value);
+    }
+  }
+  return sendable;
+}
+
+// cpr has no setting of its own for this: a host that the record names is no reason to read local
+// files, or to send a token in the clear.
+void AllowHttpsOnly(cpr::Session& session) {
+  curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_PROTOCOLS_STR, "https");
 }
 
 void SetHeaders(cpr::Session& session, const std::vector<HttpHeaders>& sets) {
@@ -40,7 +50,7 @@ void SetForm(cpr::Session& session, const HttpForm& form) {
 }  // namespace
 
 HttpAnswer Post(const HttpRequest& request) {
-  if (!AreSendable(request.header_sets)) {
+  if (!IsSendable(request)) {
     return {static_cast<int>(cpr::ErrorCode::BAD_FUNCTION_ARGUMENT),
             "a header value has a line break", 0, ""};
   }
@@ -50,6 +60,7 @@ HttpAnswer Post(const HttpRequest& request) {
   session.SetTimeout(cpr::Timeout(kTimeout));
   session.SetUserAgent(cpr::UserAgent(request.user_agent));
   SetHeaders(session, request.header_sets);
+  AllowHttpsOnly(session);
   session.SetRedirect(cpr::Redirect(false));
   session.SetWriteCallback(cpr::WriteCallback([&text](const std::string_view& bytes, intptr_t) {
     text += bytes;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <boost/lexical_cast.hpp>
+#include <cstdint>
 #include <ctime>
 #include <fstream>
 #include <utility>
@@ -31,7 +32,7 @@ class PkceClientImpl {
  private:
   std::string GetTokenPath() const;
   std::string ReadTokenValue(const std::string& key) const;
-  int GetExpireTime() const;
+  std::int64_t GetExpireTime() const;
   bool IsExpired() const;
   void SaveToken(const Json::Value& response) const;
   void RenewToken();
@@ -131,8 +132,9 @@ std::string PkceClientImpl::ReadTokenValue(const std::string& key) const {
   return *value;
 }
 
-int PkceClientImpl::GetExpireTime() const {
-  const int created_at = boost::lexical_cast<int>(ReadTokenValue("created_at"));
+// In 64 bits: a lifetime that a server gives may reach past the end of 32.
+std::int64_t PkceClientImpl::GetExpireTime() const {
+  const std::int64_t created_at = boost::lexical_cast<int>(ReadTokenValue("created_at"));
   return created_at + boost::lexical_cast<int>(ReadTokenValue("expires_in"));
 }
 
