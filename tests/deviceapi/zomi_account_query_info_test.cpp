@@ -828,6 +828,7 @@ TEST_F(QueryTest, ProcessesThatAskAtOnceMakeOneRequest) {
   ASSERT_EQ(pipe2(gate.data(), O_CLOEXEC), 0);
   std::vector<pid_t> children;
   for (int number = 0; number < 6; ++number) {
+    WaitUntilOtherThreadsWait();
     children.push_back(fork());
     if (children.back() == 0) {
       close(gate[1]);

@@ -179,6 +179,9 @@ TEST_F(AccountQuery, AnUnverifiedCertificateIsRefused) {
 }
 
 TEST_F(AccountQuery, EffectiveIdsOfAServiceAccountAreRaisedAndRestored) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the leak checker cannot look into a process with other effective ids";
+#endif
   LinkDevice();
   std::vector<std::string> command = {"/usr/bin/setpriv", "--euid",       "1026", "--egid", "100",
                                       "--clear-groups",   "/usr/bin/true"};
@@ -187,9 +190,7 @@ TEST_F(AccountQuery, EffectiveIdsOfAServiceAccountAreRaisedAndRestored) {
   }
   command.back() = "/usr/kivo/bin/nodelink";
   command.emplace_back("--query_account");
-  // The leak checker of a sanitizer build cannot look into a process with other effective ids.
-  const auto result = lab::RunProcess(
-      command, {.environment = std::vector<std::string>{"ASAN_OPTIONS=detect_leaks=0"}});
+  const auto result = lab::RunProcess(command);
   EXPECT_THAT(result.out, HasSubstr(kEmail)) << result.err;
   EXPECT_THAT(Log(), testing::Contains("user WARNING: setresuid(-1, 0, -1)"));
 }

@@ -14,6 +14,7 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "oauth/session_test.h"
+#include "support/child.h"
 
 namespace nodelink {
 namespace {
@@ -772,6 +773,7 @@ class ManyProcesses {
   void Add(const std::function<std::string()>& flow) {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
+    WaitUntilOtherThreadsWait();
     const pid_t child = fork();
     EXPECT_GE(child, 0);
     if (child == 0) {

@@ -1,5 +1,6 @@
 #include "support/child.h"
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
@@ -68,6 +70,34 @@ void ExpectEnded(pid_t child, const std::string& said) {
 
 }  // namespace
 
+namespace {
+
+// 'R' running, 'S' waiting for an event ...; '?' for a thread that has just ended.
+char StateOf(const std::filesystem::path& task) {
+  std::ifstream file(task / "stat");
+  std::string text;
+  std::getline(file, text);
+  const std::size_t end_of_name = text.rfind(')');
+  return end_of_name == std::string::npos ? '?' : text.at(end_of_name + 2);
+}
+
+bool OthersWait() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() != std::to_string(gettid()) && StateOf(task.path()) != 'S') {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+void WaitUntilOtherThreadsWait() {
+  while (!OthersWait()) {
+    sched_yield();
+  }
+}
+
 std::string RunInChild(const std::function<std::string()>& flow) {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) {
@@ -75,6 +105,7 @@ std::string RunInChild(const std::function<std::string()>& flow) {
   }
   const base::UniqueFd out(ends[0]);
   base::UniqueFd in(ends[1]);
+  WaitUntilOtherThreadsWait();
   const pid_t child = fork();
   if (child < 0) {
     throw std::runtime_error("no child");

@@ -10,6 +10,11 @@
 // destructor of the parent's objects. Throws std::runtime_error when it does not come to its end.
 std::string RunInChild(const std::function<std::string()>& flow);
 
+// Returns when every other thread of this process waits for an event. A child that is forked while
+// one of them is at work inherits whatever lock of the memory allocator it holds, and would wait
+// for it for ever.
+void WaitUntilOtherThreadsWait();
+
 // Whether a child of this process can really become another user. In a lab that an ordinary user
 // started there is no other user.
 bool HasOtherUsers();
