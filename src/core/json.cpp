@@ -56,6 +56,7 @@ bool fromFile(const std::string& path, Json::Value& value) {
 std::string toString(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
+  builder["commentStyle"] = "None";
   builder["emitUTF8"] = true;
   return Json::writeString(builder, value);
 }
@@ -63,6 +64,7 @@ std::string toString(const Json::Value& value) {
 bool toFile(const Json::Value& value, const std::string& path) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
+  builder["commentStyle"] = "None";
   builder["emitUTF8"] = true;
   return base::AtomicReplace(path, Json::writeString(builder, value) + "\n", kPrivateFile);
 }

@@ -60,6 +60,13 @@ TEST_F(JsonTest, TextKeepsUtf8AndEscapesControlCharacters) {
   EXPECT_EQ(toString(value), "{\"name\":\"Zo\xc3\xab \\\"\\n\"}");
 }
 
+TEST_F(JsonTest, CommentsAreReadAndNotWritten) {
+  const Json::Value value = Parsed("// of the server\n{\"a\": 1 /* one */}\n// the end\n");
+  EXPECT_EQ(toString(value), R"({"a":1})");
+  ASSERT_TRUE(toFile(value, kFile));
+  EXPECT_EQ(ReadFile(kFile), "{\n  \"a\" : 1\n}\n");
+}
+
 TEST_F(JsonTest, EmptyObjectHasAText) { EXPECT_EQ(toString(Json::objectValue), "{}"); }
 
 class NotJsonTest : public JsonTest, public testing::WithParamInterface<Sample> {};
