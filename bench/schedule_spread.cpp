@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,24 +15,26 @@ namespace {
 
 constexpr char kSchedule[] = "~ 9~16 * * 1~5";
 constexpr int kDevices = 1'000'000;
-constexpr int kFirstHour = 9;
-constexpr int kHours = 8;
-constexpr int kMinutes = 60;
-constexpr int kSlots = kMinutes * kHours * 5;
+constexpr std::size_t kFirstHour = 9;
+constexpr std::size_t kHours = 8;
+constexpr std::size_t kMinutes = 60;
+constexpr std::size_t kSlots = kMinutes * kHours * 5;
 constexpr int kRandomRuns = 20;
 constexpr double kTolerance = 1.10;
 
 using Load = std::vector<int>;  // devices a minute
 
 std::size_t SlotOf(const std::string& schedule) {
-  int minute = 0;
-  int hour = 0;
-  int weekday = 0;
-  if (std::sscanf(schedule.c_str(), "%d %d * * %d", &minute, &hour, &weekday) != 3) {
+  std::istringstream fields(schedule);
+  std::size_t minute = 0;
+  std::size_t hour = 0;
+  std::size_t weekday = 0;
+  std::string star;
+  if (!(fields >> minute >> hour >> star >> star >> weekday) || hour < kFirstHour || weekday < 1) {
     std::fprintf(stderr, "not a resolved schedule: %s\n", schedule.c_str());
     std::exit(2);
   }
-  return static_cast<std::size_t>(((weekday - 1) * kHours + hour - kFirstHour) * kMinutes + minute);
+  return ((weekday - 1) * kHours + hour - kFirstHour) * kMinutes + minute;
 }
 
 // Serial numbers in a row, as they leave a factory: the hardest case for a bad hash.
@@ -74,7 +77,8 @@ int main() {
   const double random = BusiestAtRandom();
   std::printf("schedule              %s\n", kSchedule);
   std::printf("devices               %d\n", kDevices);
-  std::printf("mean load             %.1f devices a minute\n", 1.0 * kDevices / kSlots);
+  std::printf("mean load             %.1f devices a minute\n",
+              1.0 * kDevices / static_cast<double>(kSlots));
   std::printf("busiest minute        %d\n", drawn);
   std::printf("busiest at random     %.1f (mean of %d spreads)\n", random, kRandomRuns);
   std::printf("ratio                 %.3f (at most %.2f)\n", drawn / random, kTolerance);

@@ -93,6 +93,7 @@ TEST_F(AccountQuery, AnswersFromTheCacheForADayWhenAllowed) {
 TEST_F(AccountQuery, ManyAtOnceMakeOneRequest) {
   LinkDevice();
   std::vector<std::unique_ptr<lab::BackgroundProcess>> queries;
+  queries.reserve(16);
   for (int index = 0; index < 16; ++index) {
     queries.push_back(std::make_unique<lab::BackgroundProcess>(
         std::vector<std::string>{"/usr/kivo/bin/nodelink", "--query_account"}));

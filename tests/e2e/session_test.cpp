@@ -299,6 +299,7 @@ TEST_F(Session, ManyAtOnceRenewOnce) {
   AgeTokens(7200);
   const std::size_t before = TokenRequests();
   std::vector<std::unique_ptr<lab::BackgroundProcess>> reports;
+  reports.reserve(8);
   for (int index = 0; index < 8; ++index) {
     reports.push_back(std::make_unique<lab::BackgroundProcess>(
         std::vector<std::string>{"/usr/kivo/bin/nodelink", "--report_info"}));
