@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "core/zomi_exception.h"
+
 namespace nodelink {
 
 class RecordBackup {
@@ -19,5 +21,18 @@ class RecordBackup {
   bool existed_ = false;
   std::string content_;
 };
+
+// Runs `write`, which writes keys of the record: all of them or none. When it throws a
+// ZomiException, the record is put back before that goes on. Throws as RecordBackup does.
+template <typename Write>
+void WriteWholeRecord(Write write) {
+  const RecordBackup backup;
+  try {
+    write();
+  } catch (const ZomiException&) {
+    backup.Restore();
+    throw;
+  }
+}
 
 }  // namespace nodelink

@@ -155,16 +155,6 @@ int AskForLogin(Attempt& attempt, Answer& answer) {
   return answer.code == kSuccess ? 0 : Refused(attempt, answer);
 }
 
-void WriteIdentity(const std::string& id, const std::string& auth_key) {
-  const RecordBackup backup;
-  try {
-    WriteAccountLink(id, auth_key);
-  } catch (const ZomiException&) {
-    backup.Restore();
-    throw;
-  }
-}
-
 int StoreIdentity(const Attempt& attempt, const Answer& answer) {
   const auto id = json::TextMember(answer.json, "id");
   const auto auth_key = json::TextMember(answer.json, "auth_key");
@@ -173,7 +163,7 @@ int StoreIdentity(const Attempt& attempt, const Answer& answer) {
     return Fail(kBadResponse);
   }
   try {
-    WriteIdentity(*id, *auth_key);
+    WriteWholeRecord([&] { WriteAccountLink(*id, *auth_key); });
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to set user: %s", failure.what());

@@ -189,20 +189,9 @@ void WriteProfile(const Profile& profile) {
   user.Set(record::kLastQueryTime, static_cast<std::int64_t>(std::time(nullptr)));
 }
 
-// All of the profile or none of it.
-void StoreProfile(const Profile& profile) {
-  const RecordBackup backup;
-  try {
-    WriteProfile(profile);
-  } catch (const ZomiException&) {
-    backup.Restore();
-    throw;
-  }
-}
-
 int Store(const Profile& profile) {
   try {
-    StoreProfile(profile);
+    WriteWholeRecord([&profile] { WriteProfile(profile); });
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to set user: %s", failure.what());

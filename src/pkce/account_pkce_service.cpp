@@ -169,16 +169,11 @@ std::string QueryEmail() {
   return account["email"].asString();
 }
 
-// All of the account or nothing of it.
 void StoreAccount(const Json::Value& identity) {
-  const RecordBackup backup;
-  try {
+  WriteWholeRecord([&identity] {
     StoreIdentity(identity);
     LogError(Here(), "Logged in Veltrix Account as [%s]", QueryEmail().c_str());
-  } catch (const ZomiException&) {
-    backup.Restore();
-    throw;
-  }
+  });
 }
 
 }  // namespace
