@@ -10,4 +10,7 @@ namespace base {
 // be opened or read, is no regular file (ENOTSUP) or is larger than `limit` bytes (EFBIG).
 [[nodiscard]] bool ReadFile(const std::string& path, std::size_t limit, std::string& text);
 
+// The same of a file that is open already, appended to `text`.
+[[nodiscard]] bool ReadRegularFile(int fd, std::size_t limit, std::string& text);
+
 }  // namespace base

@@ -1,12 +1,12 @@
 #include "file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "base/read_file.h"
 #include "base/unique_fd.h"
 #include "error.h"
 #include "keyvalue_text.h"
@@ -17,22 +17,10 @@ namespace {
 constexpr std::size_t kFirstLineLimit = 4096;
 constexpr std::string_view kBlanks{" \t\r\n\v\f\0", 7};
 
-bool IsRegular(int fd) {
-  struct stat info = {};
-  return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-}
-
-// Appends the rest of `fd` to `text`, up to one byte more than `limit`. The size that fstat gives
-// is no guide: it is 0 for files of the kernel, and another program may be writing.
-bool ReadToEnd(int fd, std::size_t limit, std::string& text) {
-  char block[16384];
-  while (text.size() <= limit) {
-    const ssize_t got = read(fd, block, std::min(sizeof block, limit + 1 - text.size()));
-    if (got == 0) return true;
-    if (got < 0 && errno != EINTR) return FalseFromErrno();
-    if (got > 0) text.append(block, static_cast<std::size_t>(got));
-  }
-  return False(kTooBig);
+bool ReadAll(int fd, std::size_t limit, std::string& text) {
+  if (base::ReadRegularFile(fd, limit, text)) return true;
+  if (errno == ENOTSUP) return False(kBadContent);
+  return errno == EFBIG ? False(kTooBig) : FalseFromErrno();
 }
 
 }  // namespace
@@ -45,9 +33,7 @@ FileText ReadFileAt(int folder, const char* path, std::size_t limit, Links links
   if (!fd) {
     file.state = errno == ENOENT ? ReadState::kMissing : ReadState::kFailed;
     SetErrorFromErrno();
-  } else if (!IsRegular(fd.get())) {
-    SetError(kBadContent);
-  } else if (ReadToEnd(fd.get(), limit, file.text)) {
+  } else if (ReadAll(fd.get(), limit, file.text)) {
     file.state = ReadState::kRead;
   }
   return file;

@@ -45,14 +45,17 @@ std::string_view WithoutLineEnd(std::string_view line) {
   return line;
 }
 
-// The whole first line of `key`, as a view into `text`.
+// The whole first line of `key`, as a view into `text`. Only lines that hold the key's text at all
+// are looked into: a record may have thousands of lines that are not the program's.
 std::optional<std::string_view> FindLine(std::string_view text, std::string_view key,
                                          std::string_view separator) {
-  for (std::size_t start = 0; start < text.size();) {
+  std::size_t found = key.empty() ? std::string_view::npos : text.find(key);
+  while (found != std::string_view::npos) {
+    const std::size_t start = text.rfind('\n', found) + 1;  // npos + 1 is 0
     const std::string_view line = LineAt(text, start);
     const std::optional<Line> parsed = ParseLine(WithoutLineEnd(line), separator);
     if (parsed && parsed->key == key) return line;
-    start += line.size();
+    found = text.find(key, start + line.size());
   }
   return std::nullopt;
 }
@@ -85,7 +88,7 @@ bool IsOneLine(std::string_view text) { return text.find('\n') == text.size() - 
 
 std::optional<std::string_view> FindValue(std::string_view text, std::string_view key,
                                           std::string_view separator) {
-  if (key.empty() || separator.empty()) return std::nullopt;
+  if (separator.empty()) return std::nullopt;
   const std::optional<std::string_view> line = FindLine(text, key, separator);
   if (!line) return std::nullopt;
   return ParseLine(WithoutLineEnd(*line), separator)->value;
