@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <memory>
 #include <string_view>
 
 namespace nodelink {
@@ -27,10 +28,35 @@ bool IsSendable(const HttpRequest& request) {
   return sendable;
 }
 
-// cpr has no setting of its own for this: a host that the record names is no reason to read local
-// files, or to send a token in the clear.
-void AllowHttpsOnly(cpr::Session& session) {
-  curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_PROTOCOLS_STR, "https");
+// cpr has no setting of its own for these. A host that the record names is no reason to read local
+// files, or to send a token in the clear. And libcurl keeps the CA bundle that it has parsed for
+// the handle's next request only without a CA folder; Debian's folder holds the bundle's
+// certificates.
+void SetCurlOptions(CURL* curl) {
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
+  curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);
+}
+
+std::unique_ptr<cpr::Session> MakeSession() {
+  auto session = std::make_unique<cpr::Session>();
+  session->SetTimeout(cpr::Timeout(kTimeout));
+  session->SetRedirect(cpr::Redirect(false));
+  session->SetHeaderCallback(cpr::HeaderCallback([](std::string_view, intptr_t) { return true; }));
+  SetCurlOptions(session->GetCurlHolder()->handle);
+  return session;
+}
+
+// One for all requests of the process: those that follow one another parse the CA bundle once and
+// share their connections.
+cpr::Session& TheSession() {
+  static const std::unique_ptr<cpr::Session> session = MakeSession();
+  return *session;
+}
+
+// Nothing of the request before travels with the next one.
+void Forget(cpr::Session& session) {
+  session.SetHeader({});
+  curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_COOKIELIST, "ALL");
 }
 
 void SetHeaders(cpr::Session& session, const std::vector<HttpHeaders>& sets) {
@@ -55,20 +81,16 @@ HttpAnswer Post(const HttpRequest& request) {
             "a header value has a line break", 0, ""};
   }
   std::string text;
-  cpr::Session session;
+  cpr::Session& session = TheSession();
+  Forget(session);
   session.SetUrl(cpr::Url(request.url));
-  session.SetTimeout(cpr::Timeout(kTimeout));
   session.SetUserAgent(cpr::UserAgent(request.user_agent));
   SetHeaders(session, request.header_sets);
-  AllowHttpsOnly(session);
-  session.SetRedirect(cpr::Redirect(false));
   session.SetWriteCallback(cpr::WriteCallback([&text](const std::string_view& bytes, intptr_t) {
     text += bytes;
     return text.size() <= kLargestBody;
   }));
-  if (request.form) {
-    SetForm(session, *request.form);
-  }
+  SetForm(session, request.form.value_or(HttpForm()));
   const cpr::Response response = session.Post();
   return {static_cast<int>(response.error.code), response.error.message,
           static_cast<int>(response.status_code), text};

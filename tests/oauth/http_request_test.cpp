@@ -1,5 +1,7 @@
 #include "pkce/http_request.h"
 
+#include <unistd.h>
+
 #include <ostream>
 #include <string>
 #include <vector>
@@ -145,6 +147,56 @@ INSTANTIATE_TEST_SUITE_P(LineBreaks, HttpRequestHeaderTest,
                                          session::NamedText{"CrAtTheEnd", "\r"},
                                          session::NamedText{"Nul", std::string("a\0b", 3)}),
                          session::NameOf);
+
+// --- one request after another --------------------------------------------------------------
+
+TEST_F(HttpRequestTest, ShareAConnection) {
+  EXPECT_EQ(Send().status, 200);
+  EXPECT_EQ(Send().status, 200);
+  EXPECT_EQ(server_.https().connections(), 1U);
+}
+
+TEST_F(HttpRequestTest, NothingOfOneTravelsWithTheNext) {
+  server_.Answer(kPath, Response{.headers = {{"Set-Cookie", "a=b"}}, .body = "answer"});
+  (void)Send();
+  request_.header_sets = {{{"Authorization", "Bearer token"}}};
+  request_.form = std::nullopt;
+  const HttpAnswer answer = Send();
+  EXPECT_EQ(answer.text, "answer") << answer.error_message;
+  ASSERT_EQ(server_.requests().size(), 2U);
+  EXPECT_THAT(HeaderLines(server_.requests().back()),
+              ElementsAre("Host: identity.veltrix.example", "User-Agent: agent/1", "Accept: */*",
+                          testing::StartsWith("Accept-Encoding: "), "Authorization: Bearer token",
+                          "Content-Length: 0", "Content-Type: application/x-www-form-urlencoded"));
+  EXPECT_EQ(server_.requests().back().body, "");
+}
+
+TEST_F(HttpRequestTest, AFormAfterAnEmptyBodyIsWhole) {
+  request_.form = std::nullopt;
+  (void)Send();
+  server_.ClearRequests();
+  EXPECT_EQ(BodyOf({{"a", "b"}}), "a=b");
+}
+
+TEST_F(HttpRequestTest, AFailureLeavesNothingBehind) {
+  server_.Answer(kPath, Response{.body = "a body", .fault = {.delivery = Delivery::kTruncate}});
+  ExpectTransferError(Send());
+  server_.Answer(kPath, 200, "answer");
+  const HttpAnswer answer = Send();
+  EXPECT_EQ(answer.error_code, 0);
+  EXPECT_EQ(answer.error_message, "");
+  EXPECT_EQ(answer.text, "answer");
+}
+
+// Its 140 certificates take longer to read than the rest of a request.
+TEST_F(HttpRequestTest, TheCaBundleIsReadOnce) {
+  EXPECT_EQ(Send().status, 200);
+  ASSERT_EQ(unlink("/etc/ssl/certs/ca-certificates.crt"), 0);
+  request_.url = std::string(session::kAccount) + kPath;
+  const HttpAnswer answer = Send();
+  EXPECT_EQ(answer.status, 200) << answer.error_message;
+  EXPECT_EQ(server_.https().connections(), 2U);
+}
 
 // --- what comes back ------------------------------------------------------------------------
 
