@@ -159,9 +159,4 @@ int DeviceApiSend(const DeviceApiRequest*, DeviceApiResponse* response) {
   return 0;
 }
 
-void DeviceApiResponseFree(DeviceApiResponse* response) {
-  std::free(response->body);
-  response->body = nullptr;
-}
-
 }  // namespace nodelink

@@ -1,9 +1,9 @@
 #include "kivo/cloudservice.h"
 
-#include <curl/curl.h>
 #include <json/reader.h>
 #include <json/value.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +14,8 @@
 
 #include "atomic_replace.h"
 #include "base/atomic_replace.h"
+#include "base/module.h"
+#include "cloudservice_post.h"
 #include "device_facts.h"
 #include "error.h"
 #include "file.h"
@@ -25,14 +27,10 @@ namespace {
 constexpr const char* kKeyFile = "/usr/kivo/etc/cloudservice/api_key";
 constexpr const char* kKeyFolder = "/usr/kivo/etc/cloudservice";
 constexpr const char* kRegisterPath = "/cloudservice/api/v1/apikey/register";
-constexpr const char* kCertificates = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* kProduct = "zomi";
 constexpr int kKeyBufferSize = 1024;
 constexpr std::size_t kLargestKeyFile = 4096;
 constexpr mode_t kKeyFolderMode = 0700;
-constexpr std::size_t kLargestAnswer = std::size_t{64} * 1024;
-constexpr long kConnectSeconds = 15;
-constexpr long kTotalSeconds = 30;
 constexpr long kHttpOk = 200;
 constexpr int kAgentSize = 256;
 constexpr int kDropKeyAction = 2;
@@ -48,96 +46,47 @@ struct Outcome {
   std::string text;
 };
 
-using Curl = std::unique_ptr<CURL, void (*)(CURL*)>;
-
-std::size_t AppendAnswer(char* bytes, std::size_t size, std::size_t count, void* answer) {
-  auto& text = *static_cast<std::string*>(answer);
-  const std::size_t length = size * count;
-  if (length > kLargestAnswer - text.size()) return 0;
-  text.append(bytes, length);
-  return length;
-}
-
-std::string Escaped(CURL* curl, const std::string& text) {
-  const std::unique_ptr<char, void (*)(void*)> escaped(
-      curl_easy_escape(curl, text.c_str(), static_cast<int>(text.size())), curl_free);
-  return escaped == nullptr ? "" : escaped.get();
-}
-
-// Sets options until one fails.
-class Options {
- public:
-  explicit Options(CURL* curl) : curl_(curl) {}
-
-  template <typename Value>
-  Options& Set(CURLoption option, Value value) {
-    if (good_) good_ = curl_easy_setopt(curl_, option, value) == CURLE_OK;
-    return *this;
-  }
-
-  [[nodiscard]] bool good() const { return good_; }
-
- private:
-  CURL* curl_;
-  bool good_ = true;
-};
-
-// The platform knows its proxy, if it has one, from no environment variable.
-bool Prepare(CURL* curl, const std::string& url, const std::string& form, std::string& answer) {
-  char agent[kAgentSize] = "";
-  if (KLIBHsinfoUserAgentGet(kProduct, agent, kAgentSize) < 0) return false;
-  return Options(curl)
-      .Set(CURLOPT_URL, url.c_str())
-      .Set(CURLOPT_PROTOCOLS_STR, "https")
-      .Set(CURLOPT_FOLLOWLOCATION, 0L)
-      .Set(CURLOPT_PROXY, "")
-      .Set(CURLOPT_USERAGENT, agent)
-      .Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()))
-      .Set(CURLOPT_COPYPOSTFIELDS, form.c_str())
-      .Set(CURLOPT_SSL_VERIFYPEER, 1L)
-      .Set(CURLOPT_SSL_VERIFYHOST, 2L)
-      .Set(CURLOPT_CAINFO, kCertificates)
-      .Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds)
-      .Set(CURLOPT_TIMEOUT, kTotalSeconds)
-      .Set(CURLOPT_NOSIGNAL, 1L)
-      .Set(CURLOPT_WRITEFUNCTION, AppendAnswer)
-      .Set(CURLOPT_WRITEDATA, static_cast<void*>(&answer))
-      .good();
-}
-
 Outcome Failed(CloudError error, int code, const char* file = __builtin_FILE(),
                int line = __builtin_LINE()) {
   SetError(code, file, line);
   return {error, ""};
 }
 
-// What to make of a transfer that did not go through.
-Outcome TransferFailed(CURLcode result) {
-  switch (result) {
-    case CURLE_WRITE_ERROR:
+// What to make of a request without an answer.
+Outcome RequestFailed(PostEnd end) {
+  switch (end) {
+    case PostEnd::kTooLarge:
       return Failed(CloudError::kRefused, kTooBig);
-    case CURLE_URL_MALFORMAT:
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_OUT_OF_MEMORY:
+    case PostEnd::kBadRequest:
       return Failed(CloudError::kLocal, kBadArgument);
-    default:
-      return Failed(CloudError::kNetwork, kNetworkFailed);
+    case PostEnd::kNoMemory:
+      return Failed(CloudError::kLocal, ENOMEM);
+    case PostEnd::kAnswered:
+    case PostEnd::kNetworkFailed:
+      break;
   }
+  return Failed(CloudError::kNetwork, kNetworkFailed);
 }
 
-Outcome Post(const std::string& url, const std::string& serial, const std::string& mac) {
-  const Curl curl(curl_easy_init(), curl_easy_cleanup);
-  if (curl == nullptr) return Failed(CloudError::kLocal, ENOMEM);
-  const std::string form =
-      "serial_no=" + Escaped(curl.get(), serial) + "&mac=" + Escaped(curl.get(), mac);
-  Outcome answer;
-  if (!Prepare(curl.get(), url, form, answer.text)) return Failed(CloudError::kLocal, kInternal);
-  const CURLcode result = curl_easy_perform(curl.get());
-  if (result != CURLE_OK) return TransferFailed(result);
-  long status = 0;
-  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
-  if (status != kHttpOk) return Failed(CloudError::kRefused, kRefused);
-  return answer;
+// Null when the module is not installed.
+PostForm* LoadPostForm() {
+  std::string why;
+  const auto entry = reinterpret_cast<PostForm* (*)()>(
+      base::ModuleSymbol(kCloudModulePath, kCloudModuleSymbol, why));
+  if (entry == nullptr) syslog(LOG_ERR, "Failed to load the cloud-service module: %s", why.c_str());
+  return entry == nullptr ? nullptr : entry();
+}
+
+Outcome Post(const std::string& url, const FormFields& fields) {
+  PostForm* const post = LoadPostForm();
+  char agent[kAgentSize] = "";
+  if (post == nullptr || KLIBHsinfoUserAgentGet(kProduct, agent, kAgentSize) < 0) {
+    return Failed(CloudError::kLocal, kInternal);
+  }
+  const PostAnswer answer = post(url, agent, fields);
+  if (answer.end != PostEnd::kAnswered) return RequestFailed(answer.end);
+  if (answer.status != kHttpOk) return Failed(CloudError::kRefused, kRefused);
+  return {CloudError::kNone, answer.text};
 }
 
 // One word of visible characters that fits the callers' buffers.
@@ -179,7 +128,7 @@ Outcome RegisterKey() {
   const std::optional<std::string> serial = SerialNumber();
   const std::optional<std::string> mac = MacAddress();
   if (!base || !serial || !mac) return Failed(CloudError::kLocal, kNotFound);
-  Outcome answer = Post(*base + kRegisterPath, *serial, *mac);
+  Outcome answer = Post(*base + kRegisterPath, {{"serial_no", *serial}, {"mac", *mac}});
   if (answer.error != CloudError::kNone) return answer;
   Outcome key = ParseAnswer(answer.text);
   if (key.error == CloudError::kNone && !StoreKey(key.text)) key.error = CloudError::kLocal;

@@ -403,12 +403,4 @@ int DeviceApiSend(const DeviceApiRequest* request, DeviceApiResponse* response) 
   return 0;
 }
 
-void DeviceApiResponseFree(DeviceApiResponse* response) {
-  if (response != nullptr) {
-    std::free(response->body);
-    response->body = nullptr;
-    response->http_status = 0;
-  }
-}
-
 }  // namespace nodelink

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 #include "klibc/szhash.h"
 
@@ -34,7 +35,13 @@ struct DeviceApiResponse {
 int DeviceApiSend(const DeviceApiRequest* request, DeviceApiResponse* response);
 
 // Frees the body and sets body and status to null and 0. Null is ignored.
-void DeviceApiResponseFree(DeviceApiResponse* response);
+inline void DeviceApiResponseFree(DeviceApiResponse* response) {
+  if (response != nullptr) {
+    std::free(response->body);
+    response->body = nullptr;
+    response->http_status = 0;
+  }
+}
 
 // Appends "NAME=VALUE" to the heap text `*buffer` of `*size` bytes (klibc/string.h), after a "&"
 // unless it is the `first` pair; the value is percent-encoded with the curl handle `curl`, the name
