@@ -1,8 +1,7 @@
-// The few pages that people see in a browser.
+// The few pages that people see in a browser on their way through a sign-in.
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -10,9 +9,7 @@
 
 namespace devcloud {
 
-[[nodiscard]] std::string EscapeHtml(std::string_view text);
-
-// A page with a title and one paragraph. All texts are escaped.
+// A page with a title and one paragraph.
 [[nodiscard]] Response MessagePage(int status, const std::string& title, const std::string& text);
 
 struct SignInForm {
@@ -22,7 +19,6 @@ struct SignInForm {
   std::string error = {};
 };
 
-// The sign-in form. All texts are escaped.
 [[nodiscard]] Response SignInPage(int status, const SignInForm& form);
 
 }  // namespace devcloud

@@ -3,7 +3,7 @@
 #include "cloud_fixture.h"
 #include "devcloud/account_api.h"
 #include "devcloud/certificates.h"
-#include "devcloud/html_pages.h"
+#include "devcloud/html.h"
 #include "devcloud/id_token.h"
 #include "devcloud/secrets.h"
 
