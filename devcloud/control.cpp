@@ -7,6 +7,7 @@
 #include "devcloud/account_json.h"
 #include "devcloud/form.h"
 #include "devcloud/json_text.h"
+#include "devcloud/listener.h"
 
 namespace devcloud {
 namespace {
@@ -55,19 +56,28 @@ Form ReadQuery(const Request& request) {
   return *query;
 }
 
-std::string HostWithoutPort(const std::string& host) {
+// Without port and brackets.
+std::string NameIn(const std::string& host) {
   const bool bracketed = !host.empty() && host.front() == '[';
-  return bracketed ? host.substr(0, host.find(']') + 1) : host.substr(0, host.find(':'));
+  return bracketed ? host.substr(1, host.find(']') - 1) : host.substr(0, host.find(':'));
+}
+
+// What a browser says of requests that a page of another site or another port has it make. A person
+// may follow a link from there.
+bool IsSentAcross(const Request& request) {
+  const std::string site = request.HeaderOr("Sec-Fetch-Site");
+  const bool across = !site.empty() && site != "same-origin" && site != "none";
+  return across && !(request.method == "GET" && request.HeaderOr("Sec-Fetch-Mode") == "navigate");
 }
 
 // Web pages of strangers, opened in a browser on this machine, are kept out: neither a page that
 // had its own name point here, nor one that sends a form across, gets through.
 bool ComesFromHere(const Request& request) {
   const std::string host = request.HeaderOr("Host");
-  const std::string name = HostWithoutPort(host);
-  const bool local = name == "127.0.0.1" || name == "localhost" || name == "[::1]";
+  const std::string name = NameIn(host);
+  const bool local = name == "localhost" || IsLoopback(name);
   const std::string* origin = request.FindHeader("Origin");
-  return local && (origin == nullptr || *origin == "http://" + host);
+  return local && (origin == nullptr || *origin == "http://" + host) && !IsSentAcross(request);
 }
 
 Json::Value ToJson(const LogEntry& entry) {

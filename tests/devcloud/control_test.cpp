@@ -138,8 +138,22 @@ TEST_F(ControlTest, BadBodiesAreRefused) {
 }
 
 TEST_F(ControlTest, WebPagesOfStrangersAreKeptOut) {
-  EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Host: evil.example"}).status, 403);
+  for (const char* host :
+       {"evil.example", "127.0.0.1.evil.example", "192.0.2.1", "[::2]", "[", ""}) {
+    EXPECT_EQ(Call("GET", "/v1/accounts", {}, {std::string("Host: ") + host}).status, 403) << host;
+  }
+  for (const char* host : {"localhost:1", "127.0.0.2", "[::1]:8079"}) {
+    EXPECT_EQ(Call("GET", "/v1/accounts", {}, {std::string("Host: ") + host}).status, 200) << host;
+  }
   EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Origin: https://evil.example"}).status, 403);
+  EXPECT_EQ(Call("POST", "/v1/tokens/1/expire", "", {"Origin: null"}).status, 403);
+  EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Sec-Fetch-Site: cross-site"}).status, 403);
+  EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Sec-Fetch-Site: same-site"}).status, 403);
+  EXPECT_EQ(Call("POST", "/v1/tokens/1/expire", "",
+                 {"Sec-Fetch-Site: cross-site", "Sec-Fetch-Mode: navigate"})
+                .status,
+            403);
+  EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Sec-Fetch-Site: same-origin"}).status, 200);
   const std::string own = cloud_.control().Url();
   EXPECT_EQ(Call("GET", "/v1/accounts", {}, {"Origin: " + own}).status, 200);
 }
