@@ -69,6 +69,7 @@ class Cloud::Impl {
   [[nodiscard]] Clients& clients() { return clients_; }
   [[nodiscard]] TokenStore& tokens() { return tokens_; }
   [[nodiscard]] const Authority& authority() const { return authority_; }
+  [[nodiscard]] std::int64_t Now() const { return options_.clock(); }
 
  private:
   [[nodiscard]] ServerOptions PublicServerOptions() const;
@@ -205,5 +206,7 @@ const Authority& Cloud::authority() const { return impl_->authority(); }
 void Cloud::SetTls(TlsChoice choice) { impl_->SetTls(choice); }
 
 TlsChoice Cloud::tls() const { return impl_->tls(); }
+
+std::int64_t Cloud::Now() const { return impl_->Now(); }
 
 }  // namespace devcloud

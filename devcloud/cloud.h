@@ -63,6 +63,9 @@ class Cloud {
   void SetTls(TlsChoice choice);
   [[nodiscard]] TlsChoice tls() const;
 
+  // Seconds since the epoch by the cloud's own clock.
+  [[nodiscard]] std::int64_t Now() const;
+
  private:
   class Impl;
   std::unique_ptr<Impl> impl_;

@@ -145,18 +145,6 @@ Json::Value ToJson(const Family& family) {
   return json;
 }
 
-const char* ToName(TokenKind kind) {
-  switch (kind) {
-    case TokenKind::kAccess:
-      return "access";
-    case TokenKind::kRefresh:
-      return "refresh";
-    case TokenKind::kId:
-      return "id";
-  }
-  return "";
-}
-
 Json::Value ToJson(const TokenInfo& token) {
   Json::Value json(Json::objectValue);
   json["id"] = Json::Int64{token.id};
@@ -185,7 +173,8 @@ Json::Value LinkToJson(const Link& link) {
 
 }  // namespace
 
-Control::Control(Cloud& cloud) : cloud_(cloud) {
+Control::Control(Cloud& cloud) : cloud_(cloud), console_(cloud) {
+  console_.AddRoutes(router_);
   AddAccountRoutes();
   AddDeviceRoutes();
   AddServerRoutes();

@@ -1,8 +1,9 @@
-// The control interface: JSON over plain HTTP, for people, scripts and tests. It belongs on a
-// loopback address only, as it guards nothing.
+// The control interface: JSON over plain HTTP for scripts and tests, and the console's pages for
+// people. It belongs on a loopback address only, as it asks nobody who they are.
 #pragma once
 
 #include "devcloud/cloud.h"
+#include "devcloud/console/console.h"
 #include "devcloud/json_fields.h"
 #include "devcloud/router.h"
 
@@ -68,6 +69,7 @@ class Control {
   [[nodiscard]] Json::Value DeviceWithLink(const Device& device) const;
 
   Cloud& cloud_;
+  console::Console console_;
   Router router_;
 };
 

@@ -22,8 +22,8 @@ constexpr const char* kUsage = R"(Usage: zomi-devcloud [OPTION]...
 Serves the account, identity, payment and cloud-service hosts for development and tests.
 
   --listen ADDRESS:PORT   where the HTTPS server listens (default 127.0.0.1:443)
-  --control ADDRESS:PORT  where the control interface listens, loopback only
-                          (default 127.0.0.1:8079)
+  --control ADDRESS:PORT  where the control interface and the console (a web page) listen,
+                          loopback only (default 127.0.0.1:8079)
   --state FOLDER          keep accounts, devices and the authority there
                           (default: keep nothing)
   --ca FILE               write the authority's certificate there, PEM

@@ -29,6 +29,10 @@ CREATE TABLE IF NOT EXISTS requests(
 CREATE INDEX IF NOT EXISTS requests_by_path ON requests(path, id);
 )sql";
 
+constexpr const char* kSelect =
+    "SELECT id, time, method, target, path, query, headers, body, sni, tls_version, peer_port,"
+    " status, answer, fault FROM requests";
+
 std::string HeadersToText(const std::vector<Header>& headers) {
   Json::Value list(Json::arrayValue);
   for (const Header& header : headers) {
@@ -72,6 +76,12 @@ LogEntry ReadEntry(Statement& row) {
   return entry;
 }
 
+std::vector<LogEntry> ReadAll(Statement& select) {
+  std::vector<LogEntry> entries;
+  while (select.Next()) entries.push_back(ReadEntry(select));
+  return entries;
+}
+
 }  // namespace
 
 RequestLog::RequestLog(Database& database) : database_(database) { database_.Execute(kSchema); }
@@ -98,14 +108,14 @@ std::int64_t RequestLog::Add(const LogEntry& entry) {
 }
 
 std::vector<LogEntry> RequestLog::Read(std::int64_t after, const std::string& path) {
-  std::vector<LogEntry> entries;
   Statement select(database_,
-                   "SELECT id, time, method, target, path, query, headers, body, sni, tls_version,"
-                   " peer_port, status, answer, fault FROM requests"
-                   " WHERE id > ?1 AND (?2 = '' OR path = ?2) ORDER BY id");
-  select.Bind(after).Bind(path);
-  while (select.Next()) entries.push_back(ReadEntry(select));
-  return entries;
+                   std::string(kSelect) + " WHERE id > ?1 AND (?2 = '' OR path = ?2) ORDER BY id");
+  return ReadAll(select.Bind(after).Bind(path));
+}
+
+std::vector<LogEntry> RequestLog::Newest(int most) {
+  Statement select(database_, std::string(kSelect) + " ORDER BY id DESC LIMIT ?");
+  return ReadAll(select.Bind(most));
 }
 
 std::vector<LogEntry> RequestLog::WaitAndRead(std::int64_t after, const std::string& path,

@@ -33,6 +33,8 @@ class RequestLog {
   std::int64_t Add(const LogEntry& entry);
   // The entries with ids above `after`, of that path only unless it is empty, oldest first.
   [[nodiscard]] std::vector<LogEntry> Read(std::int64_t after = 0, const std::string& path = "");
+  // The last `most` entries, newest first.
+  [[nodiscard]] std::vector<LogEntry> Newest(int most);
   // As Read, but waits up to `limit` for the first such entry.
   [[nodiscard]] std::vector<LogEntry> WaitAndRead(std::int64_t after, const std::string& path,
                                                   std::chrono::milliseconds limit);

@@ -75,6 +75,18 @@ TokenInfo ReadToken(Statement& row) {
 
 }  // namespace
 
+const char* ToName(TokenKind kind) {
+  switch (kind) {
+    case TokenKind::kAccess:
+      return "access";
+    case TokenKind::kRefresh:
+      return "refresh";
+    case TokenKind::kId:
+      return "id";
+  }
+  return "";
+}
+
 struct TokenStore::Found {
   TokenInfo token;
   Family family;

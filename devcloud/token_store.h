@@ -37,6 +37,9 @@ struct Family {
 
 enum class TokenKind { kAccess, kRefresh, kId };
 
+// "access", "refresh" or "id".
+[[nodiscard]] const char* ToName(TokenKind kind);
+
 struct TokenInfo {
   std::int64_t id = 0;
   std::int64_t family_id = 0;
