@@ -59,7 +59,8 @@ table{background:none;border:0}
 tr{background:var(--card);border:1px solid var(--line);border-radius:4px;margin:0 0 .75rem;
 padding:.3rem 0}
 tbody th,td{border:0;padding:.2rem .8rem}tbody th{font-weight:600}
-td::before{content:attr(data-label);display:block;color:var(--soft);font-size:.85rem}
+tbody th::before,td::before{content:attr(data-label);display:block;color:var(--soft);
+font-size:.85rem;font-weight:400}
 form.switches td{display:inline-block;width:50%}details{min-width:0}
 dl{grid-template-columns:1fr}dd{margin-bottom:.3rem}}
 )css";

@@ -16,8 +16,8 @@ Table::Table(const std::string& caption, std::vector<std::string> columns)
     : caption_(caption), columns_(std::move(columns)) {}
 
 void Table::AddRow(const std::string& id, const std::vector<Html>& cells) {
-  rows_ << "<tr role=\"row\" id=\"" << id << "\"><th role=\"rowheader\" scope=\"row\">"
-        << cells.at(0) << "</th>";
+  rows_ << "<tr role=\"row\" id=\"" << id << "\"><th role=\"rowheader\" scope=\"row\" data-label=\""
+        << columns_.at(0) << "\">" << cells.at(0) << "</th>";
   for (std::size_t i = 1; i < cells.size(); ++i) {
     rows_ << "<td role=\"cell\" data-label=\"" << columns_.at(i) << "\">" << cells[i] << "</td>";
   }
