@@ -28,6 +28,9 @@ PkeyPtr GenerateKey(KeyKind kind) {
     case KeyKind::kRsa1024:
       key.reset(EVP_RSA_gen(1024));
       break;
+    case KeyKind::kRsa512:
+      key.reset(EVP_RSA_gen(512));
+      break;
   }
   CheckOpenssl(key != nullptr, "cannot make a key");
   return key;
@@ -145,18 +148,24 @@ void Sign(X509* certificate, EVP_PKEY* key) {
   CheckOpenssl(X509_sign(certificate, key, EVP_sha256()) > 0, "cannot sign a certificate");
 }
 
+// Of an authority; the issuer's name and the signature are left to the caller.
+X509Ptr NewAuthorityCertificate(EVP_PKEY* key, const std::string& name) {
+  X509Ptr certificate = NewCertificate(key, name);
+  SetValidity(certificate.get(), -std::chrono::hours(24), std::chrono::hours(24 * 3650));
+  AddExtension(certificate.get(), certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
+  AddExtension(certificate.get(), certificate.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
+  AddExtension(certificate.get(), certificate.get(), NID_subject_key_identifier, "hash");
+  return certificate;
+}
+
 }  // namespace
 
 Authority::Authority(Identity identity) : identity_(std::move(identity)) {}
 
 Authority Authority::Make(const std::string& name) {
   const PkeyPtr key = GenerateKey(KeyKind::kP256);
-  const X509Ptr certificate = NewCertificate(key.get(), name);
-  SetValidity(certificate.get(), -std::chrono::hours(24), std::chrono::hours(24 * 3650));
+  const X509Ptr certificate = NewAuthorityCertificate(key.get(), name);
   X509_set_issuer_name(certificate.get(), X509_get_subject_name(certificate.get()));
-  AddExtension(certificate.get(), certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
-  AddExtension(certificate.get(), certificate.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
-  AddExtension(certificate.get(), certificate.get(), NID_subject_key_identifier, "hash");
   Sign(certificate.get(), key.get());
   return Authority({ToPem(certificate.get()), ToPem(key.get())});
 }
@@ -178,6 +187,16 @@ Identity Authority::Issue(const CertificateOptions& options) const {
   AddServerExtensions(certificate.get(), issuer.get(), options);
   Sign(certificate.get(), issuer_key.get());
   return {ToPem(certificate.get()), ToPem(key.get())};
+}
+
+Authority Authority::MakeIntermediate(const std::string& name) const {
+  const X509Ptr issuer = ParseCertificate(identity_.certificate_pem);
+  const PkeyPtr issuer_key = ParsePrivateKey(identity_.private_key_pem);
+  const PkeyPtr key = GenerateKey(KeyKind::kP256);
+  const X509Ptr certificate = NewAuthorityCertificate(key.get(), name);
+  X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer.get()));
+  Sign(certificate.get(), issuer_key.get());
+  return Authority({ToPem(certificate.get()), ToPem(key.get())});
 }
 
 Identity MakeSelfSigned(const CertificateOptions& options) {

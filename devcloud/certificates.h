@@ -7,13 +7,13 @@
 
 namespace devcloud {
 
-// A certificate and its private key, both PEM.
+// A certificate and its private key, both PEM. Certificates of authorities in between may follow.
 struct Identity {
   std::string certificate_pem = {};
   std::string private_key_pem = {};
 };
 
-enum class KeyKind { kP256, kRsa2048, kRsa1024 };
+enum class KeyKind { kP256, kRsa2048, kRsa1024, kRsa512 };
 
 // What a server certificate says. Names are host names or IP addresses in text; the first one is
 // the common name too. The validity is relative to now: `valid_until` below zero is an expired
@@ -34,6 +34,9 @@ class Authority {
   [[nodiscard]] static Authority FromIdentity(Identity identity);
 
   [[nodiscard]] Identity Issue(const CertificateOptions& options) const;
+
+  // An authority of the second rank, which this one vouches for.
+  [[nodiscard]] Authority MakeIntermediate(const std::string& name) const;
 
   // What a client must trust.
   [[nodiscard]] const std::string& certificate_pem() const { return identity_.certificate_pem; }

@@ -14,12 +14,14 @@ namespace {
 constexpr std::int64_t kLongestMilliseconds = std::int64_t{3600} * 1000;
 constexpr std::int64_t kMostRequests = std::numeric_limits<int>::max();
 
-constexpr std::array<std::pair<Delivery, const char*>, 5> kDeliveries{{
+constexpr std::array<std::pair<Delivery, const char*>, 7> kDeliveries{{
     {Delivery::kWhole, "whole"},
     {Delivery::kDrop, "drop"},
     {Delivery::kTruncate, "truncate"},
     {Delivery::kEndless, "endless"},
     {Delivery::kSlow, "slow"},
+    {Delivery::kRaw, "raw"},
+    {Delivery::kRawEndless, "raw_endless"},
 }};
 
 const char* DeliveryName(Delivery delivery) {
@@ -33,7 +35,7 @@ Delivery DeliveryFromName(const std::string& name) {
   const auto* found = std::find_if(kDeliveries.begin(), kDeliveries.end(),
                                    [&name](const auto& entry) { return entry.second == name; });
   if (found == kDeliveries.end()) {
-    throw BadInput("delivery must be whole, drop, truncate, endless or slow");
+    throw BadInput("delivery must be whole, drop, truncate, endless, slow, raw or raw_endless");
   }
   return found->first;
 }

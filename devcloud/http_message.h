@@ -40,11 +40,13 @@ struct Request {
 
 // How the bytes of an answer reach the peer.
 enum class Delivery {
-  kWhole,     // as an honest server does
-  kDrop,      // the connection is closed before the first byte
-  kTruncate,  // the full length is announced, the connection closed after half of the body
-  kEndless,   // the body is repeated (or filled up) until the peer goes away
-  kSlow,      // the body trickles: slow_bytes every slow_interval
+  kWhole,       // as an honest server does
+  kDrop,        // the connection is closed before the first byte
+  kTruncate,    // the full length is announced, the connection closed after half of the body
+  kEndless,     // the body is repeated (or filled up) until the peer goes away
+  kSlow,        // the body trickles: slow_bytes every slow_interval
+  kRaw,         // the body is all that is sent: it brings a head of its own, or none
+  kRawEndless,  // as before, and again until the peer goes away
 };
 
 struct Fault {

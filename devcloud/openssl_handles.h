@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace devcloud {
 
@@ -58,6 +59,18 @@ inline X509Ptr ParseCertificate(const std::string& pem) {
   X509Ptr certificate(PEM_read_bio_X509(ReadOnlyBio(pem).get(), nullptr, nullptr, nullptr));
   CheckOpenssl(certificate != nullptr, "not a certificate in PEM");
   return certificate;
+}
+
+// The certificates behind the first one.
+inline std::vector<X509Ptr> ParseRestOfChain(const std::string& pem) {
+  const BioPtr bio = ReadOnlyBio(pem);
+  std::vector<X509Ptr> chain;
+  while (X509* next = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
+    chain.emplace_back(next);
+  }
+  ERR_clear_error();  // the end of the text is no failure
+  if (!chain.empty()) chain.erase(chain.begin());
+  return chain;
 }
 
 }  // namespace devcloud

@@ -4,6 +4,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <stdexcept>
 
 namespace devcloud {
 namespace {
@@ -37,6 +38,16 @@ Request ToRequest(Parser& parser) {
   return request;
 }
 
+// The parser throws where it has no error code: at a field beyond 64 KiB.
+std::size_t Put(Parser& parser, const std::string& bytes, boost::beast::error_code& error) {
+  try {
+    return parser.put(boost::asio::buffer(bytes), error);
+  } catch (const std::length_error&) {
+    error = http::error::header_limit;
+    return 0;
+  }
+}
+
 bool WantsContinue(Parser& parser) {
   const auto found = parser.get().find(http::field::expect);
   return found != parser.get().end() &&
@@ -64,7 +75,7 @@ ReadOutcome RequestReader::Next(Request& request, bool& keep_alive) {
   while (!parser.is_done()) {
     if (unparsed_.empty() && !ReadMore()) return ReadOutcome::kClosed;
     boost::beast::error_code error;
-    const std::size_t used = parser.put(boost::asio::buffer(unparsed_), error);
+    const std::size_t used = Put(parser, unparsed_, error);
     unparsed_.erase(0, used);
     if (error && error != http::error::need_more) return ToOutcome(error);
     if (!continued && parser.is_header_done() && !parser.is_done() && WantsContinue(parser)) {

@@ -73,6 +73,12 @@ AfterAnswer SendSlowly(Connection& connection, const std::string& head, const Re
 AfterAnswer SendResponse(Connection& connection, const Request& request, const Response& response,
                          KeepAlive keep_alive) {
   if (!connection.Pause(response.fault.delay)) return AfterAnswer::kCut;
+  if (response.fault.delivery == Delivery::kRaw) {
+    return SendWhole(connection, "", response.body, KeepAlive::kNo);
+  }
+  if (response.fault.delivery == Delivery::kRawEndless) {
+    return SendForever(connection, "", response.body);
+  }
   const std::string head = HeadOf(response, keep_alive);
   if (!MayHaveBody(request, response.status)) return SendWhole(connection, head, "", keep_alive);
   switch (response.fault.delivery) {
@@ -86,6 +92,9 @@ AfterAnswer SendResponse(Connection& connection, const Request& request, const R
       return SendForever(connection, head, response.body);
     case Delivery::kSlow:
       return SendSlowly(connection, head, response, keep_alive);
+    case Delivery::kRaw:
+    case Delivery::kRawEndless:
+      break;  // sent already, without a head
   }
   return AfterAnswer::kCut;
 }

@@ -37,6 +37,9 @@ SslContextPtr MakeServerContext(const TlsSettings& settings) {
                    SSL_CTX_use_PrivateKey(raw, key.get()) == 1 &&
                    SSL_CTX_check_private_key(raw) == 1,
                "cannot use the server's certificate");
+  for (const X509Ptr& link : ParseRestOfChain(settings.identity.certificate_pem)) {
+    CheckOpenssl(SSL_CTX_add1_chain_cert(raw, link.get()) == 1, "cannot use the server's chain");
+  }
   return context;
 }
 

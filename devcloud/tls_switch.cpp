@@ -9,7 +9,7 @@
 namespace devcloud {
 namespace {
 
-constexpr std::array<std::pair<CertificateKind, const char*>, 7> kKinds{{
+constexpr std::array<std::pair<CertificateKind, const char*>, 10> kKinds{{
     {CertificateKind::kGood, "good"},
     {CertificateKind::kExpired, "expired"},
     {CertificateKind::kNotYetValid, "not_yet_valid"},
@@ -17,6 +17,9 @@ constexpr std::array<std::pair<CertificateKind, const char*>, 7> kKinds{{
     {CertificateKind::kUnknownAuthority, "unknown_authority"},
     {CertificateKind::kSelfSigned, "self_signed"},
     {CertificateKind::kWeakKey, "weak_key"},
+    {CertificateKind::kVeryWeakKey, "very_weak_key"},
+    {CertificateKind::kIntermediate, "intermediate"},
+    {CertificateKind::kMissingIntermediate, "missing_intermediate"},
 }};
 
 constexpr std::array<std::pair<TlsVersion, const char*>, 4> kVersions{{
@@ -41,6 +44,17 @@ auto ValueOf(const Table& table, const std::string& name) {
   std::string choices;
   for (const auto& entry : table) choices += std::string(" ") + entry.second;
   throw BadInput("\"" + name + "\" is none of:" + choices);
+}
+
+enum class Shown { kNo, kYes };
+
+// Issued by an authority between ours and the server.
+Identity IssueThroughIntermediate(const Authority& authority, const CertificateOptions& options,
+                                  Shown shown) {
+  const Authority between = authority.MakeIntermediate("An authority in between");
+  Identity identity = between.Issue(options);
+  if (shown == Shown::kYes) identity.certificate_pem += between.certificate_pem();
+  return identity;
 }
 
 }  // namespace
@@ -69,6 +83,13 @@ Identity MakeServerIdentity(const Authority& authority, const std::vector<std::s
     case CertificateKind::kWeakKey:
       options.key = KeyKind::kRsa1024;
       break;
+    case CertificateKind::kVeryWeakKey:
+      options.key = KeyKind::kRsa512;
+      break;
+    case CertificateKind::kIntermediate:
+      return IssueThroughIntermediate(authority, options, Shown::kYes);
+    case CertificateKind::kMissingIntermediate:
+      return IssueThroughIntermediate(authority, options, Shown::kNo);
   }
   return authority.Issue(options);
 }

@@ -16,7 +16,10 @@ enum class CertificateKind {
   kWrongName,
   kUnknownAuthority,
   kSelfSigned,
-  kWeakKey,  // RSA with 1024 bits
+  kWeakKey,              // RSA with 1024 bits
+  kVeryWeakKey,          // RSA with 512 bits
+  kIntermediate,         // good: issued by an intermediate authority, which is shown along
+  kMissingIntermediate,  // as before, but not shown
 };
 
 struct TlsChoice {

@@ -35,12 +35,18 @@ INSTANTIATE_TEST_SUITE_P(Kinds, BadCertificateTest,
                          testing::Values(CertificateKind::kExpired, CertificateKind::kNotYetValid,
                                          CertificateKind::kWrongName,
                                          CertificateKind::kUnknownAuthority,
-                                         CertificateKind::kSelfSigned),
+                                         CertificateKind::kSelfSigned,
+                                         CertificateKind::kMissingIntermediate),
                          [](const auto& kind) { return ToName(kind.param); });
 
 // Refused by the usual security level, as a weak key and not as anything else.
 TEST(CertificatesTest, WeakKeyIsRefused) {
   EXPECT_NE(Connect(CertificateKind::kWeakKey), CURLE_OK);
+  EXPECT_NE(Connect(CertificateKind::kVeryWeakKey), CURLE_OK);
+}
+
+TEST(CertificatesTest, AnIntermediateAuthorityThatIsShownIsTrusted) {
+  EXPECT_EQ(Connect(CertificateKind::kIntermediate), CURLE_OK);
 }
 
 TEST(CertificatesTest, AddressesAreNamesToo) {

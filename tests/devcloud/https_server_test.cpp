@@ -172,6 +172,22 @@ TEST(HttpsServerTest, TricklesBodies) {
   EXPECT_EQ(client.Send({.url = server.Url()}).connections, 0);
 }
 
+TEST(HttpsServerTest, SendsRawAnswers) {
+  HttpsServer once({}, Always(Faulty(Delivery::kRaw, "no head")));
+  EXPECT_EQ(ExchangeRaw(once.port(), "GET / HTTP/1.1\r\n\r\n"), "no head");
+  HttpsServer endless(WithTls(), Always(Faulty(Delivery::kRawEndless, "HTTP/1.1 200 OK\r\n\r\n")));
+  HttpClient client(TestAuthority().certificate_pem());
+  const ClientAnswer answer = client.Send({.url = endless.Url("localhost"), .most_bytes = 50'000});
+  EXPECT_THAT(answer.body, StartsWith("HTTP/1.1 200 OK\r\n\r\nHTTP/1.1"));
+}
+
+TEST(HttpsServerTest, RefusesAFieldThatTheParserCannotTake) {
+  HttpsServer server({}, Always({.body = "x"}));
+  EXPECT_THAT(
+      ExchangeRaw(server.port(), "GET / HTTP/1.1\r\nX: " + std::string(70'000, 'x') + "\r\n\r\n"),
+      StartsWith("HTTP/1.1 431 "));
+}
+
 TEST(HttpsServerTest, LiesAboutTheLengthWhenTold) {
   HttpsServer server({}, Always({.headers = {{"Content-Length", "2"}}, .body = "abcdef"}));
   EXPECT_THAT(ExchangeRaw(server.port(), "GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"),
