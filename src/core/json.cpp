@@ -3,6 +3,8 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <memory>
 
 #include "base/atomic_replace.h"
@@ -12,12 +14,20 @@ namespace nodelink::json {
 namespace {
 
 constexpr std::size_t kLargestFile = 1024 * 1024;
+constexpr std::ptrdiff_t kMostValues = 10'000;
 constexpr mode_t kPrivateFile = 0600;
 
 Json::CharReaderBuilder StrictReader() {
   Json::CharReaderBuilder builder;
   builder["failIfExtra"] = true;
   return builder;
+}
+
+// In memory a value takes a hundred times the byte that it may be in the text. The signs are
+// counted inside of texts and comments too: a real document is far below the limit either way.
+bool HasTooManyValues(const std::string& text) {
+  return std::count_if(text.begin(), text.end(),
+                       [](char c) { return c == ',' || c == '[' || c == '{'; }) > kMostValues;
 }
 
 const Json::Value* Member(const Json::Value& object, const char* name) {
@@ -31,6 +41,9 @@ bool fromString(const std::string& text, Json::Value& value) {
   value = Json::Value();
   if (text.find('\0') != std::string::npos) {
     return false;  // jsoncpp would take it for the end of the text
+  }
+  if (HasTooManyValues(text)) {
+    return false;
   }
   try {
     const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());

@@ -9,8 +9,8 @@
 
 namespace nodelink::json {
 
-// Parses the whole of `text` into `value`. False, with `value` null, when it is not one JSON value
-// or is nested too deep to be read.
+// Parses the whole of `text` into `value`. False, with `value` null, when it is not one JSON value,
+// or is nested too deep or has too many members and items to be read in little memory.
 [[nodiscard]] bool fromString(const std::string& text, Json::Value& value);
 
 // Parses the whole file `path`; false also when it cannot be read or is larger than 1 MiB.

@@ -93,6 +93,20 @@ INSTANTIATE_TEST_SUITE_P(Texts, NotJsonTest,
                                          Nested(1'001), Nested(100'000),
                                          std::string(1'000'000, '['), std::string(100'000, '{')));
 
+// A list of ones takes a hundred times its text's size in memory.
+TEST_F(JsonTest, TooManyValuesAreNotRead) {
+  const auto list = [](std::size_t commas) {
+    std::string text = "[1";
+    while (commas-- > 0) text += ",1";
+    return text + "]";
+  };
+  Json::Value value;
+  EXPECT_TRUE(fromString(list(9'999), value));
+  EXPECT_EQ(value.size(), 10'000U);
+  EXPECT_FALSE(fromString(list(10'000), value));
+  EXPECT_TRUE(value.isNull());
+}
+
 TEST_F(JsonTest, EveryCutOfATextIsRefusedOrRead) {
   const std::string text = R"({"a":{"b":[1,-2.5e3,"x\u00e9\n",true,false,null]},"c":""})";
   for (std::size_t length = 0; length < text.size(); ++length) {

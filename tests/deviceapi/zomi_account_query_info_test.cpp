@@ -601,14 +601,14 @@ class LargeAnswerTest : public AnswerTest {
   }
 };
 
-TEST_F(LargeAnswerTest, ANameOfNearlyOneMebibyte) {
-  AnswerWith("full_name", std::string(1024 * 1024 - 600, 'n'));
+TEST_F(LargeAnswerTest, ANameThatFillsIt) {
+  AnswerWith("full_name", std::string(256 * 1024 - 600, 'n'));
   ExpectTheNextQueryWorks();
 }
 
-TEST_F(LargeAnswerTest, VersionNamesOfNearlyOneMebibyte) {
+TEST_F(LargeAnswerTest, AVersionNameThatFillsIt) {
   Json::Value versions;
-  versions[std::string(1024 * 1024 - 600, 'v')] = true;  // stored in two keys
+  versions[std::string(256 * 1024 - 600, 'v')] = true;  // stored in two keys
   AnswerWith("critical_version_list", versions);
   ExpectTheNextQueryWorks();
 }

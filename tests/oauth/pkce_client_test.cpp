@@ -734,7 +734,7 @@ INSTANTIATE_TEST_SUITE_P(
                     .fault = {.delivery = Delivery::kSlow, .slow_interval = std::chrono::hours(1)}},
         BadTransfer{.name = "Endless", .fault = {.delivery = Delivery::kEndless}},
         BadTransfer{.name = "Huge",
-                    .body = TokenAnswer("evil", R"("x":")" + std::string(1024 * 1024, 'x') + '"')},
+                    .body = TokenAnswer("evil", R"("x":")" + std::string(256 * 1024, 'x') + '"')},
         BadTransfer{.name = "Expired", .certificate = CertificateKind::kExpired},
         BadTransfer{.name = "WrongName", .certificate = CertificateKind::kWrongName},
         BadTransfer{.name = "SelfSigned", .certificate = CertificateKind::kSelfSigned},
