@@ -1,7 +1,5 @@
 // Servers that are not who they say, or would have a secret sent elsewhere: nothing is sent to them
 // beyond the handshake, by no flow, and the device stays as it was.
-#include <optional>
-
 #include "e2e/https_flow.h"
 
 namespace {
@@ -58,6 +56,7 @@ class BadServerTest : public HttpsFlowTest {
 
   void ExpectLogged(int curl_code) {
     std::vector<testing::Matcher<std::string>> lines;
+    lines.reserve(GetParam().unreached_log.size());
     for (const std::string& line : GetParam().unreached_log) {
       const bool senders = line.ends_with("code=");
       lines.emplace_back(StartsWith(senders ? line + std::to_string(curl_code) : line));

@@ -1,6 +1,7 @@
 // Whatever a verified server answers: every flow ends with a failure it knows, within bounded
 // memory and time, and leaves the device as it was.
 #include <cstdlib>
+#include <utility>
 
 #include "e2e/https_flow.h"
 

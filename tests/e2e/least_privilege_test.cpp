@@ -5,12 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "e2e/browser.h"
 #include "e2e/device_test.h"

@@ -53,6 +53,7 @@ class Crowd {
       member->CloseStdin();
     }
     std::vector<lab::ProcessResult> results;
+    results.reserve(members_.size());
     for (const auto& member : members_) {
       results.push_back(member->Wait());
     }

@@ -51,6 +51,7 @@ TEST(ManyWriters, EachKeepsItsKeys) {
   std::array<int, 2> gate{};
   ASSERT_EQ(pipe(gate.data()), 0);
   std::vector<pid_t> writers;
+  writers.reserve(kWriters);
   for (int number = 0; number < kWriters; ++number) writers.push_back(StartWriter(gate, number));
   close(gate[1]);
   close(gate[0]);
