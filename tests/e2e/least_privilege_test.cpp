@@ -22,7 +22,6 @@ namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 constexpr char kApiKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
