@@ -1,7 +1,8 @@
 #!/bin/bash
 # shellcheck disable=SC2034  # most of this is for the scripts that read it
 # The flows that the lab's scripts disturb, and the checks of the device's state after each. Read by
-# such a script inside the lab; it says itself, as `injected_call` and `output_failed`, what it did.
+# such a script inside the lab; it says itself what it did: `injected_call` names it, `output_failed`
+# is true when it can have cost output, `record_unread` when the record may have been unreadable.
 
 cloud=http://127.0.0.1:8079/v1
 private=/usr/kivo/etc/veltrix-account/private
@@ -26,7 +27,7 @@ known=0 findings=0
 case_name='' default_job='' server_job='' ends_with_tokens=no
 
 die() {
-  printf 'torture: %s\n' "$*" >&2
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
   exit 1
 }
 
@@ -168,6 +169,15 @@ note_start() {
   read_files old_file
 }
 
+# What FLOW, undisturbed, has made of its state.
+note_end() {
+  good_end "$1" || die "$1 does not work: $status $(cat "$work/out" "$work/err")"
+  read_record new_record || die "the record after $1 is not whole"
+  read_files new_file
+  ends_with_tokens=no
+  if [[ -e $tokens ]]; then ends_with_tokens=yes; fi
+}
+
 # --- The checks. ---
 
 finding() {
@@ -263,7 +273,7 @@ is_other_good_job() {
   [[ $path == "$job" && -e $job ]] || return 1
   case $flow in
     *_login) [[ $(<"$job") == "$default_job" || $(<"$job") == "$server_job" ]] ;;
-    *) [[ $(<"$job") == "$default_job" ]] && grep -qE 'user\.conf.*INJECTED' "$work/trace.case" ;;
+    *) [[ $(<"$job") == "$default_job" ]] && record_unread ;;
   esac
 }
 
