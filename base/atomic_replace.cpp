@@ -47,6 +47,12 @@ bool Flush(int fd) {
   return result == 0;
 }
 
+UniqueFd OpenFolderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
 // A new file that is removed again unless it is renamed.
 class TemporaryFile {
  public:
@@ -147,10 +153,13 @@ bool LockWithinLimit(int fd) {
 std::string FileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 UniqueFd LockFolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd = OpenFolderOf(path);
   return fd && LockWithinLimit(fd.get()) ? std::move(fd) : UniqueFd();
+}
+
+bool FlushFolderOf(const std::string& path) {
+  const UniqueFd folder = OpenFolderOf(path);
+  return folder && Flush(folder.get());
 }
 
 bool ReplaceInFolder(const UniqueFd& folder, const std::string& name, std::string_view content,

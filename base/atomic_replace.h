@@ -37,6 +37,10 @@ std::string FileNameOf(const std::string& path);
 // ran out), on failure.
 [[nodiscard]] UniqueFd LockFolderOf(const std::string& path);
 
+// Makes the names in the folder of `path` survive a power failure as they are: a removed file could
+// come back otherwise. False with errno set.
+bool FlushFolderOf(const std::string& path);
+
 // Replaces, or makes, the file `name` in `folder`, a descriptor of LockFolderOf. Temporary files
 // that killed writers left of `name` are removed on the way. False, with errno set and the old file
 // as it was, when any step before the rename fails; false also when only the last flush, that of

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "account/record_keys.h"
+#include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
@@ -29,6 +30,7 @@ Json::Value AccountService::query() {
     if (unlink(record::kPath) != 0) {
       LogError(Here(), "Failed to unlink %s", record::kPath);
     }
+    base::FlushFolderOf(record::kPath);
     throw ZomiException(code);
   }
   return account;

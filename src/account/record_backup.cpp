@@ -26,7 +26,9 @@ bool ReplaceRecord(const std::string& content) {
   return folder && base::ReplaceInFolder(folder, base::FileNameOf(record::kPath), content, kRoots);
 }
 
-bool RemoveRecord() { return unlink(record::kPath) == 0 || errno == ENOENT; }
+bool RemoveRecord() {
+  return (unlink(record::kPath) == 0 && base::FlushFolderOf(record::kPath)) || errno == ENOENT;
+}
 
 }  // namespace
 

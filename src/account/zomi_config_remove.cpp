@@ -4,6 +4,7 @@
 
 #include "account/privilege_guard.h"
 #include "account/record_keys.h"
+#include "base/atomic_replace.h"
 #include "core/log.h"
 #include "klib/plugin.h"
 
@@ -14,7 +15,13 @@ constexpr unsigned int kLogoutAction = 4;
 
 // A record that is not there counts as removed.
 int RemoveRecord() {
-  return RunPrivileged(Here(), [] { unlink(record::kPath); }) ? 0 : -1;
+  return RunPrivileged(Here(),
+                       [] {
+                         unlink(record::kPath);
+                         base::FlushFolderOf(record::kPath);
+                       })
+             ? 0
+             : -1;
 }
 
 int AnnounceAndRemove(KLIBPLUGIN* plugin) {

@@ -12,6 +12,7 @@
 #include "account/server_info.h"
 #include "account/user.h"
 #include "account/zomi_config_remove.h"
+#include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/include/internal/json_utils.h"
 #include "core/include/internal/string_utils.h"
@@ -36,6 +37,7 @@ constexpr char kGrantPath[] = "/migration/api/v1/device/core/authorization_code/
 constexpr char kLogoutPath[] = "/device/api/logout";
 constexpr char kClientName[] = "login";
 constexpr char kLoginAction[] = "zomi/login";
+constexpr char kTokenFolder[] = "/usr/kivo/etc/veltrix-account/private/";
 constexpr char kClearTokens[] = "/bin/rm -f /usr/kivo/etc/veltrix-account/private/*_token.json";
 constexpr int kExecFlags = 187;
 constexpr int kLogType = 2;
@@ -250,6 +252,7 @@ void AccountPkceServiceImpl::ClearLocalAccount() {
   if (KLIBCExecl("/bin/sh", kExecFlags, "-c", kClearTokens, static_cast<char*>(nullptr)) < 0) {
     LogError(Here(), "Failed to clear token files");
   }
+  base::FlushFolderOf(kTokenFolder);  // or a power failure brings the keys back
 }
 
 std::string AccountPkceServiceImpl::GetAccessTokenWithRescue() {
