@@ -52,6 +52,22 @@ struct ReceiveBuffer {
   }
 };
 
+// A text's block while a call may move it to another place; its owner's again in any case, an
+// exception included.
+class LentText {
+ public:
+  explicit LentText(HeapText& owner) : owner_(owner), block_(owner.release()) {}
+  LentText(const LentText&) = delete;
+  LentText& operator=(const LentText&) = delete;
+  ~LentText() { owner_.reset(block_); }
+
+  char** place() { return &block_; }
+
+ private:
+  HeapText& owner_;
+  char* block_;
+};
+
 // One pass through the sender. Each step logs its own failure.
 class Transfer {
  public:
@@ -178,10 +194,8 @@ bool Transfer::AppendHash(const KLIBCSZLIST* keys) {
 }
 
 bool Transfer::AppendParam(const char* name, const char* value, bool first) {
-  char* block = params_.release();
-  const int result = DeviceApiAppendParam(curl_.get(), name, value, &block, &params_size_, first);
-  params_.reset(block);
-  return result == 0;
+  LentText block(params_);
+  return DeviceApiAppendParam(curl_.get(), name, value, block.place(), &params_size_, first) == 0;
 }
 
 void Transfer::BuildUrl() {
