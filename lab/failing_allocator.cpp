@@ -132,7 +132,7 @@ void* OrThrow(void* block) {
 
 extern "C" {
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's name
+// The C library's own start of main.
 int __libc_start_main(Main* main, int argc, char** argv, void (*init)(), void (*fini)(),
                       void (*loader_fini)(), void* stack_end) {
   static auto* const start =
