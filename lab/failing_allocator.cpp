@@ -114,6 +114,11 @@ void* New(std::size_t size, void* caller) {
   return Allowed(size, caller) ? allocate(size) : nullptr;
 }
 
+void* Resize(void* block, std::size_t size, void* caller) {
+  static auto* const resize = Next<void*(void*, std::size_t)>("realloc");
+  return Allowed(size, caller) ? resize(block, size) : nullptr;
+}
+
 void* NewAligned(std::size_t alignment, std::size_t size, void* caller) {
   static auto* const allocate = Next<void*(std::size_t, std::size_t)>("memalign");
   return Allowed(size, caller) ? allocate(alignment, size) : nullptr;
@@ -130,6 +135,7 @@ void* OrThrow(void* block) {
 
 #define CALLER __builtin_return_address(0)
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 extern "C" {
 
 // The C library's own start of main.
@@ -157,17 +163,14 @@ void* calloc(std::size_t number, std::size_t size) {
   return Allowed(number * size, CALLER) ? allocate(number, size) : nullptr;
 }
 
-void* realloc(void* block, std::size_t size) {
-  static auto* const allocate = Next<void*(void*, std::size_t)>("realloc");
-  return Allowed(size, CALLER) ? allocate(block, size) : nullptr;
-}
+void* realloc(void* block, std::size_t size) { return Resize(block, size, CALLER); }
 
 void* reallocarray(void* block, std::size_t number, std::size_t size) {
   if (size != 0 && number > std::numeric_limits<std::size_t>::max() / size) {
     errno = ENOMEM;
     return nullptr;
   }
-  return realloc(block, number * size);
+  return Resize(block, number * size, CALLER);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
@@ -187,6 +190,7 @@ int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
   return 0;
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 void* operator new(std::size_t size) { return OrThrow(New(size, CALLER)); }
 void* operator new[](std::size_t size) { return OrThrow(New(size, CALLER)); }

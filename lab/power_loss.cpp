@@ -132,8 +132,7 @@ std::vector<Call> ReadTrace(const std::string& path) {
     if (text.starts_with("<... ")) {
       text = begun[process] + text.substr(text.find(kResumed) + kResumed.size());
     }
-    if (std::isalpha(static_cast<unsigned char>(text.front())) != 0 &&
-        text.ends_with('?') == false) {
+    if (std::isalpha(static_cast<unsigned char>(text.front())) != 0 && !text.ends_with('?')) {
       calls.push_back(ParseCall(text));
     }
   }
@@ -191,6 +190,9 @@ class Disk {
     return folders_.contains(fs::path(path).parent_path());
   }
 
+  bool ChangesData(const Call& call);
+  bool ChangesNames(const Call& call);
+  void RefuseWatched(const Call& call) const;
   void Open(const std::string& path, const Call& call, std::size_t flags);
   void Sync(const std::string& path);
   void Rename(const std::string& from, const std::string& to);
@@ -249,14 +251,10 @@ void Disk::Rename(const std::string& from, const std::string& to) {
   }
 }
 
-void Disk::Apply(const Call& call) {
+bool Disk::ChangesData(const Call& call) {
   const std::vector<std::string>& arguments = call.arguments;
-  const auto path_at = [&](std::size_t i) { return Joined(arguments[i], arguments[i + 1]); };
-  if (call.result.starts_with('-')) {
-    return;
-  }
   if (call.name == "openat") {
-    Open(path_at(0), call, 2);
+    Open(Joined(arguments[0], arguments[1]), call, 2);
   } else if (call.name == "open") {
     Open(TextOf(arguments[0]), call, 1);
   } else if (call.name == "write") {
@@ -269,21 +267,41 @@ void Disk::Apply(const Call& call) {
     if (File* file = At(call.name == "chmod" ? TextOf(arguments[0]) : PathOf(arguments[0]))) {
       file->mode = static_cast<unsigned>(std::stoul(arguments[1], nullptr, 8));
     }
-  } else if (call.name == "rename") {
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool Disk::ChangesNames(const Call& call) {
+  const std::vector<std::string>& arguments = call.arguments;
+  if (call.name == "rename") {
     Rename(TextOf(arguments[0]), TextOf(arguments[1]));
   } else if (call.name == "renameat" || call.name == "renameat2") {
-    Rename(path_at(0), path_at(2));
+    Rename(Joined(arguments[0], arguments[1]), Joined(arguments[2], arguments[3]));
   } else if (call.name == "unlink") {
     names_.erase(TextOf(arguments[0]));
   } else if (call.name == "unlinkat") {
-    names_.erase(path_at(0));
-  } else if (call.name != "mmap" || call.text.find("MAP_SHARED") != std::string::npos) {
-    for (const std::string& argument : arguments) {
-      const bool text = argument.starts_with('"');
-      if (Watched(text ? TextOf(argument) : PathOf(argument))) {
-        throw std::runtime_error("cannot replay " + call.text);
-      }
+    names_.erase(Joined(arguments[0], arguments[1]));
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void Disk::RefuseWatched(const Call& call) const {
+  for (const std::string& argument : call.arguments) {
+    if (Watched(argument.starts_with('"') ? TextOf(argument) : PathOf(argument))) {
+      throw std::runtime_error("cannot replay " + call.text);
     }
+  }
+}
+
+void Disk::Apply(const Call& call) {
+  const bool failed = call.result.starts_with('-');
+  const bool maps_a_copy = call.name == "mmap" && call.text.find("MAP_SHARED") == std::string::npos;
+  if (!failed && !maps_a_copy && !ChangesData(call) && !ChangesNames(call)) {
+    RefuseWatched(call);
   }
 }
 
