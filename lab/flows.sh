@@ -17,14 +17,17 @@ work=/var/tmp/torture
 time_limit=20
 
 flows=(query password_login browser_login renewal rescue report logout update)
+# The same, started with the effective ids of a service account: what can be done with those.
+foreign_flows=(foreign_query foreign_report)
+service_account=(setpriv --euid 1026 --egid 100 --clear-groups)
 
 # A new value of its own at every login or query.
 volatile=' hs_auth_key last_query_time '
 
 declare -A old_record new_record now_record
 declare -A old_file new_file
-known=0 findings=0
-case_name='' default_job='' server_job='' ends_with_tokens=no
+known=0 findings=0 findings_before=0
+case_name='' well_linked='' default_job='' server_job='' ends_with_tokens=no
 
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -50,6 +53,9 @@ link() {
   [[ -s $tokens ]] || die 'the report stored no tokens'
 }
 
+# What the case before left, when that ended well, is a linked device too.
+stay_linked() { [[ -n $well_linked ]] || link; }
+
 edit_tokens() { # edit_tokens JQ_PROGRAM
   local text
   text=$(jq "$1" "$tokens")
@@ -67,7 +73,7 @@ restore_base() {
 
 # The base is what a flow starts from when running it leaves the server as it was.
 make_base() {
-  case $1 in
+  case ${1#foreign_} in
     query) link && sed -i -e 's/^last_query_time=.*/last_query_time="0"/' \
       -e 's/^full_name=.*/full_name="Former Name"/' -e 's/^country=.*/country="AT"/' "$record" ;;
     report) link && sed -i 's/^report_cron_timestring=.*/report_cron_timestring="1 2 * * 3"/' "$record" &&
@@ -83,18 +89,18 @@ make_base() {
 }
 
 prepare() {
-  case $1 in
+  case ${1#foreign_} in
     query | report | update) restore_base ;;
     password_login | browser_login) forget_everything ;;
-    renewal) link && edit_tokens '.created_at -= 7200' ;;
-    rescue) link && edit_tokens '.created_at -= 7200 | .refresh_token = "refused"' ;;
+    renewal) stay_linked && edit_tokens '.created_at -= 7200' ;;
+    rescue) stay_linked && edit_tokens '.created_at -= 7200 | .refresh_token = "refused"' ;;
     logout) link ;;
     *) die "no flow $1" ;;
   esac
 }
 
 flow_command() { # sets `command`
-  case $1 in
+  case ${1#foreign_} in
     query) command=(nodelink --query_account) ;;
     password_login) command=(nodelink-login --password "$email") ;;
     browser_login) command=(nodelink-login --browser) ;;
@@ -102,6 +108,7 @@ flow_command() { # sets `command`
     logout) command=(nodelink --logout) ;;
     update) command=(nodelink --update) ;;
   esac
+  [[ $1 != foreign_* ]] || command=("${service_account[@]}" "${command[@]}")
 }
 
 # run_flow FLOW WRAPPER...: leaves the exit status in $status, the text in $work/out and $work/err.
@@ -156,6 +163,15 @@ set_up_cloud() {
     "critical_version_list": {"7.1": true}}' >/dev/null
 }
 
+# Plug-ins make the logins and the logout start processes.
+install_plugins() {
+  local folder
+  for folder in /usr/kivo/lib/plugin/zomi/{login,logout}; do
+    mkdir -p "$folder"
+    cp /bin/true "$folder/1-true"
+  done
+}
+
 note_jobs() {
   link
   server_job=$(<"$job")
@@ -165,6 +181,7 @@ note_jobs() {
 }
 
 note_start() {
+  findings_before=$findings
   read_record old_record || die 'the record to start from is not whole'
   read_files old_file
 }
@@ -267,12 +284,13 @@ check_files() {
 }
 
 # A record that cannot be read gives the default schedule. A login installs the job before it knows
-# the server's schedule, unless an earlier login has stored it.
+# the server's schedule, unless an earlier login has stored it. A service account cannot write the
+# job, unless its ids could not be put back.
 is_other_good_job() {
   local flow=$1 path=$2
   [[ $path == "$job" && -e $job ]] || return 1
   case $flow in
-    *_login) [[ $(<"$job") == "$default_job" || $(<"$job") == "$server_job" ]] ;;
+    *_login | foreign_report) [[ $(<"$job") == "$default_job" || $(<"$job") == "$server_job" ]] ;;
     *) [[ $(<"$job") == "$default_job" ]] && record_unread ;;
   esac
 }
@@ -287,6 +305,23 @@ check_state() {
   check_record "$1"
   check_tokens
   check_files "$1"
+  check_locks
+  check_processes
+}
+
+check_locks() {
+  local path
+  for path in "${folders[@]}" /tmp/account_*.lock; do
+    [[ ! -e $path ]] || flock --nonblock 9 9<"$path" || finding "$path is still locked"
+  done
+}
+
+check_processes() {
+  local path name
+  for path in /proc/[0-9]*/comm; do
+    { read -r name <"$path"; } 2>/dev/null || continue # it has ended meanwhile
+    [[ $name != nodelink* ]] || finding "still running: $name"
+  done
 }
 
 # The end of a flow that was allowed to end.
@@ -304,7 +339,7 @@ check_end() {
 }
 
 known_end() {
-  local flow=$1 out=$2 err=$3
+  local flow=${1#foreign_} out=$2 err=$3
   if output_failed; then return 0; fi
   case $flow in
     query) ((status == 0)) && [[ -z $err && ($out == '{'*'}' || $out == 'Query account failed') ]] ;;
@@ -330,6 +365,7 @@ known_login() {
 # The flow once more, undisturbed: it must end as if nothing had happened.
 check_again() {
   local flow=$1 key
+  well_linked=''
   if [[ $flow == rescue && ! -e $record ]]; then return; fi # logged out, for good
   if record_outlived_logout "$flow"; then
     known=$((known + 1))
@@ -347,6 +383,7 @@ check_again() {
   done
   check_ending_files "$flow"
   check_leftovers 'after the flow was run again'
+  if ((findings == findings_before)); then well_linked=yes; fi
 }
 
 # A known limit: a logout goes on when the record could not be removed (or its plug-ins failed). Then
@@ -357,7 +394,7 @@ record_outlived_logout() {
 
 good_end() {
   ((status == 0)) || return 1
-  case $1 in
+  case ${1#foreign_} in
     query) [[ $(<"$work/out") == '{'* ]] ;;
     *_login) [[ $(<"$work/out") == *"Logged in as $email" ]] ;;
     *) [[ ! -s $work/out ]] ;;
@@ -370,7 +407,7 @@ check_ending_files() {
   read_files now_file
   for path in "$job" "$crontab"; do
     [[ ${now_file[$path]-none} == "${new_file[$path]-none}" ]] ||
-      { [[ $flow == *_login ]] && is_other_good_job "$flow" "$path"; } ||
+      { [[ $flow == *_login || $flow == foreign_report ]] && is_other_good_job "$flow" "$path"; } ||
       finding "run again: $path is not what the flow makes"
   done
   local has=no
