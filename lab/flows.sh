@@ -27,7 +27,7 @@ volatile=' hs_auth_key last_query_time '
 declare -A old_record new_record now_record
 declare -A old_file new_file
 known=0 findings=0 findings_before=0
-case_name='' well_linked='' default_job='' server_job='' ends_with_tokens=no
+case_name='' well_linked='' whole_tokens='' default_job='' server_job='' ends_with_tokens=no
 
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -261,10 +261,19 @@ check_mode() {
   [[ $mode == '600 root root' ]] || finding "$1 has mode and owner $mode"
 }
 
+# A token file that was found whole need not be parsed again.
 check_tokens() {
+  local text
   [[ -e $tokens ]] || return 0
-  jq -e '[.access_token, .id_token, .refresh_token, .created_at] | all' "$tokens" >/dev/null 2>&1 ||
-    finding 'the token file is not whole'
+  text=$(<"$tokens")
+  if [[ $text != "$whole_tokens" ]]; then
+    if jq -e '[.access_token, .id_token, .refresh_token, .created_at] | all' <<<"$text" \
+      >/dev/null 2>&1; then
+      whole_tokens=$text
+    else
+      finding 'the token file is not whole'
+    fi
+  fi
   check_mode "$tokens"
 }
 
