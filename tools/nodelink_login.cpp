@@ -57,7 +57,9 @@ int LoginByBrowser() {
   const std::string code = ReadCode(ReadReply(), sign_in);
   nodelink::AccountPkceServiceImpl().Login(code, sign_in.verifier,
                                            config["login_redirect_uri"].asString());
-  std::printf("Logged in as %s\n", nodelink::User().Get(nodelink::record::kZomiId).c_str());
+  // The login stands even when the record cannot be read for the name.
+  const std::string email = nodelink::User().Get(nodelink::record::kZomiId);
+  std::printf("Logged in%s%s\n", email.empty() ? "" : " as ", email.c_str());
   return 0;
 }
 
