@@ -362,7 +362,8 @@ known_end() {
 known_login() {
   local out=$1 err=$2
   if ((status == 0)); then
-    [[ -z $err && $out == *"Logged in as $email" ]]
+    [[ -z $err ]] && { [[ $out == *"Logged in as $email" ]] ||
+      { [[ $out == *"Logged in" ]] && record_unread; }; }
   else
     local texts='Success|Wrong parameters|Wrong JSON format|Failed to get zomi account'
     texts+='|Failed to send the request|Failed to get the response|System error'
