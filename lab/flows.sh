@@ -243,7 +243,7 @@ check_record() {
     for key in "${!old_record[@]}"; do
       [[ -v now_record[$key] || ! -v new_record[$key] ]] || finding "the record has lost $key"
     done
-    check_mode "$record"
+    check_mode "$record" root
   fi
 }
 
@@ -255,10 +255,11 @@ check_value() {
   finding "the record's $key is neither old nor new: $value"
 }
 
-check_mode() {
+check_mode() { # check_mode PATH GROUP
   local mode
   mode=$(stat -c '%a %U %G' "$1")
-  [[ $mode == '600 root root' ]] || finding "$1 has mode and owner $mode"
+  # shellcheck disable=SC2053  # the group is a pattern
+  [[ $mode == '600 root '$2 ]] || finding "$1 has mode and owner $mode"
 }
 
 # A token file that was found whole need not be parsed again.
@@ -274,7 +275,7 @@ check_tokens() {
       finding 'the token file is not whole'
     fi
   fi
-  check_mode "$tokens"
+  check_mode "$tokens" '*' # of whatever group the process was left with
 }
 
 check_files() {
