@@ -37,7 +37,6 @@ constexpr char kGrantPath[] = "/migration/api/v1/device/core/authorization_code/
 constexpr char kLogoutPath[] = "/device/api/logout";
 constexpr char kClientName[] = "login";
 constexpr char kLoginAction[] = "zomi/login";
-constexpr char kTokenFolder[] = "/usr/kivo/etc/veltrix-account/private/";
 constexpr char kClearTokens[] = "/bin/rm -f /usr/kivo/etc/veltrix-account/private/*_token.json";
 constexpr int kExecFlags = 187;
 constexpr int kLogType = 2;
@@ -252,7 +251,7 @@ void AccountPkceServiceImpl::ClearLocalAccount() {
   if (KLIBCExecl("/bin/sh", kExecFlags, "-c", kClearTokens, static_cast<char*>(nullptr)) < 0) {
     LogError(Here(), "Failed to clear token files");
   }
-  base::FlushFolderOf(kTokenFolder);  // or a power failure brings the keys back
+  base::FlushFolderOf(record::kPath);  // the tokens' too; or a power failure brings the keys back
 }
 
 std::string AccountPkceServiceImpl::GetAccessTokenWithRescue() {
