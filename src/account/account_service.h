@@ -14,19 +14,34 @@ class AccountService {
   AccountService& operator=(const AccountService&) = delete;
   virtual ~AccountService() = default;
 
-  // Links the device to the account `identifier` (its e-mail address) by its password
-  // (deviceapi/zomi_account_login.h). Returns the server's answer, an object with "id" and
-  // "auth_key". Throws ZomiException with the login's error code.
+  // Links the device to the account `identifier` (its e-mail address) by its `password`. On success
+  // the record names the account and holds its profile, the report job is installed and the
+  // plug-ins are told. The device's serial number, MAC address and API key are the platform's; a
+  // key that the server does not know is registered anew. Waits for at most 3 attempts of 120
+  // seconds for a request. Returns the account server's answer, an object with "id" (what the
+  // server knows the device by) and "auth_key". Throws ZomiException, logged, with the device as it
+  // was: kWrongParameters (empty identifier or password, or the server says so), kAuthFailed (wrong
+  // password), kAccountNotFound, kAccountInUse, kAccountUnverified, kSerialAtAccountLimit,
+  // kApiKeyNotFound, kApiKeyExpired (the next login registers a new one), kRequestNotSent,
+  // kBadResponse, kWrongJsonFormat, kNoSerialNumber, kNoMacAddress, kNetworkFailed,
+  // kAccountNotWritten, kSystemError, kGenericError for a status word that nobody knows.
   Json::Value login(const std::string& identifier, const std::string& password);
 
-  // The linked account's profile, asked of the server with short time limits
-  // (deviceapi/zomi_account_query_info.h). A failed query, whatever the reason, drops the record.
-  // Throws ZomiException with the query's error code.
+  // The linked account's profile, an object: the texts "auth_key", "country", "email", "full_name",
+  // "notify_language" and "timezone" and the flags "activated", "critical_release", "disabled",
+  // "enews" and "enews_local_promotion". Comes from the record when that is less than 300 seconds
+  // old, else from the account server, in at most 2 attempts of 15 seconds, and goes into the
+  // record. Beware: a failed query, whatever the reason, drops the record, so that the device is no
+  // longer linked; a program that only shows the profile reads the record (account/user.h). Throws
+  // ZomiException: kNoAccount (not linked), kAuthFailed or kAccountNotFound (no longer accepted),
+  // kRequestNotSent, kBadResponse, kWrongJsonFormat, kNoSerialNumber, kAccountNotWritten,
+  // kSystemError, and the codes of the server's other status words.
   Json::Value query();
 
-  // Rewrites the cron job of the periodic report from the record's schedule, unless the report is
-  // switched off, and drops the older schedule's entry for it. A job that cannot be saved is logged
-  // only. Throws ZomiException when the record cannot be read.
+  // Rewrites the cron job of the periodic report from the record's schedule (five cron fields),
+  // unless the report is switched off ("zomi_disable_report" in /etc/kivoinfo.conf), and drops the
+  // older schedule's entry for it. A job that cannot be saved is logged only. Throws ZomiException
+  // with kSystemError when privileges for reading the record cannot be raised.
   void updateCrondJob();
 };
 

@@ -9,7 +9,7 @@ namespace nodelink {
 class ServerInfoImpl;
 
 // Base URLs: "https://" and a host name, no path, no slash at the end. Nothing is kept: each call
-// reads the device's files afresh.
+// reads the device's files afresh. Nothing here throws ZomiException.
 class ServerInfo {
  public:
   ServerInfo();
@@ -17,9 +17,11 @@ class ServerInfo {
   ServerInfo& operator=(const ServerInfo&) = delete;
   virtual ~ServerInfo();
 
-  // Whether the device is switched to the vendor's test servers.
+  // Whether the device is switched to the vendor's test servers: "kivopkg_server" is "test" in
+  // /etc.defaults/kivoinfo.conf. False when that cannot be read.
   bool IsTest() const;
 
+  // The built-in host, production or test.
   std::string PaymentHost() const;
 
   // The host that the account was linked through, if that was a user-defined one (returned as it

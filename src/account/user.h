@@ -12,8 +12,10 @@ namespace nodelink {
 
 class UserImpl;
 
-// Every call goes to the file at once; nothing is kept in memory, so processes that use the record
-// at the same time see each other's last completed write of a key.
+// The keys with their meanings, units and defaults are in account/record_keys.h. The caller is
+// root, or can raise its privileges to root's. Every call goes to the file at once; nothing is kept
+// in memory, so processes that use the record at the same time see each other's last completed
+// write of a key.
 class User {
  public:
   User();
@@ -35,7 +37,7 @@ class User {
   void Set(const FlagKey& key, bool value);
   void Set(const IntegerKey& key, std::int64_t value);
 
-  // Whether the device is linked to an account.
+  // Whether the device is linked to an account: its identifier is not empty. Throws as Get does.
   bool HasAccount() const;
 
  private:

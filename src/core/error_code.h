@@ -8,30 +8,31 @@ namespace nodelink {
 
 enum ErrorCode : std::uint32_t {
   kSuccess = 0,
-  kWrongParameters = 1,
-  kWrongJsonFormat = 2,
-  kNoAccount = 3,
-  kRequestNotSent = 4,
-  kBadResponse = 5,
-  kSystemError = 6,
+  kWrongParameters = 1,  // the caller's, or the server says so
+  kWrongJsonFormat = 2,  // of an answer or a file
+  kNoAccount = 3,        // the device is not linked
+  kRequestNotSent = 4,   // or no answer came to it
+  kBadResponse = 5,      // none, of another status, or without what it must hold
+  kSystemError = 6,      // privileges, memory, files
   kNoPaymentHost = 7,
-  kNoSerialNumber = 8,
-  kAuthFailed = 14,
-  kNetworkFailed = 15,
+  kNoSerialNumber = 8,  // the platform cannot tell
+  kAuthFailed = 14,     // the server refuses the device, password or token
+  kNetworkFailed = 15,  // the cloud service cannot be reached
   kAccountInUse = 16,
   kSerialAtAccountLimit = 17,
-  kAccountUnverified = 18,
-  kAccountNotWritten = 19,
-  kNoMacAddress = 20,
-  kNoToken = 22,
+  kAccountUnverified = 18,  // its e-mail address
+  kAccountNotWritten = 19,  // the record
+  kNoMacAddress = 20,       // the platform cannot tell
+  kNoToken = 22,            // no token file, or a token missing in it or in an answer
   kNoServerConfig = 23,
   kGenericError = 24,
-  kAccountNotFound = 25,
-  kApiKeyNotFound = 26,
+  kAccountNotFound = 25,  // the server knows no such account
+  kApiKeyNotFound = 26,   // the server does not know the device's API key
   kApiKeyExpired = 27,
 };
 
-// The text that users see for `code`. Codes without a text of their own give "System error".
+// The text that users see for `code`, English and never null. Codes without a text of their own
+// give "System error".
 const char* ErrorCodeToText(std::uint32_t code);
 
 // The code of a server status word. Words are matched by the beginning: "goodbye" counts as "good".

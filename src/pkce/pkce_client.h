@@ -28,14 +28,16 @@ class PkceClient {
   // Whether the token file can be opened; a broken one counts.
   bool HasToken() const;
 
-  // The stored token, renewed first when it has expired. Throws ZomiException with kNoToken (no
+  // The stored token as text, renewed first when its lifetime, in seconds from the time it was
+  // stored, has passed. Throws ZomiException with kNoToken (no
   // token file, or no such member), kWrongJsonFormat (the file), kAuthFailed (the refresh token is
   // refused) or as the renewal's request fails; boost::bad_lexical_cast when the stored times are
   // no whole numbers.
   std::string GetAccessToken();
   std::string GetIdToken();
 
-  // Trades an authorization code and its PKCE code verifier for tokens and stores them. Throws
+  // Trades an authorization code and its PKCE code verifier for tokens and stores them; all three
+  // arguments go to the token endpoint as they are, which answers within 30 seconds. Throws
   // ZomiException with kBadResponse (transfer, or a status that is not 200), kWrongJsonFormat,
   // kNoToken (a token is missing).
   void PkceLogin(const std::string& code, const std::string& code_verifier,
