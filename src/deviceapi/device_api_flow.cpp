@@ -1,6 +1,7 @@
 #include "deviceapi/device_api_flow.h"
 
 #include <array>
+#include <memory>
 
 #include "core/json.h"
 #include "deviceapi/zomi_https_req_send.h"
@@ -12,6 +13,11 @@ namespace {
 
 constexpr std::size_t kSerialSize = 36;
 constexpr int kFormSize = 1024;
+
+struct ResponseFree {
+  void operator()(DeviceApiResponse* response) const { DeviceApiResponseFree(response); }
+};
+using ResponseOwner = std::unique_ptr<DeviceApiResponse, ResponseFree>;
 
 }  // namespace
 
@@ -61,14 +67,12 @@ int SendForm(LogSite site, const std::string& host, const char* path, KLIBCSZHAS
   request.quick = quick == Quick::kYes ? 1 : 0;
   DeviceApiResponse response{};
   const int result = DeviceApiSend(&request, &response);
-  if (result == 0) {
-    answer = response.body;
-  }
-  DeviceApiResponseFree(&response);
+  const ResponseOwner owner(&response);
   if (result < 0) {
     LogError(site, "Failed to send https request. err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
     return Fail(kRequestNotSent);
   }
+  answer = response.body;
   return 0;
 }
 
