@@ -73,6 +73,7 @@ restore_base() {
 
 # The base is what a flow starts from when running it leaves the server as it was.
 make_base() {
+  well_linked=''
   case ${1#foreign_} in
     query) link && sed -i -e 's/^last_query_time=.*/last_query_time="0"/' \
       -e 's/^full_name=.*/full_name="Former Name"/' -e 's/^country=.*/country="AT"/' "$record" ;;
