@@ -77,6 +77,11 @@ PostForm* LoadPostForm() {
   return entry == nullptr ? nullptr : entry();
 }
 
+// The callers log no reason of their own.
+void LogFailure(const std::string& url, const std::string& why) {
+  syslog(LOG_ERR, "Failed to register an API key at %s: %s", url.c_str(), why.c_str());
+}
+
 Outcome Post(const std::string& url, const FormFields& fields) {
   PostForm* const post = LoadPostForm();
   char agent[kAgentSize] = "";
@@ -84,8 +89,14 @@ Outcome Post(const std::string& url, const FormFields& fields) {
     return Failed(CloudError::kLocal, kInternal);
   }
   const PostAnswer answer = post(url, agent, fields);
-  if (answer.end != PostEnd::kAnswered) return RequestFailed(answer.end);
-  if (answer.status != kHttpOk) return Failed(CloudError::kRefused, kRefused);
+  if (answer.end != PostEnd::kAnswered) {
+    LogFailure(url, answer.text);
+    return RequestFailed(answer.end);
+  }
+  if (answer.status != kHttpOk) {
+    LogFailure(url, "status " + std::to_string(answer.status));
+    return Failed(CloudError::kRefused, kRefused);
+  }
   return {CloudError::kNone, answer.text};
 }
 
@@ -128,9 +139,11 @@ Outcome RegisterKey() {
   const std::optional<std::string> serial = SerialNumber();
   const std::optional<std::string> mac = MacAddress();
   if (!base || !serial || !mac) return Failed(CloudError::kLocal, kNotFound);
-  Outcome answer = Post(*base + kRegisterPath, {{"serial_no", *serial}, {"mac", *mac}});
+  const std::string url = *base + kRegisterPath;
+  Outcome answer = Post(url, {{"serial_no", *serial}, {"mac", *mac}});
   if (answer.error != CloudError::kNone) return answer;
   Outcome key = ParseAnswer(answer.text);
+  if (key.error != CloudError::kNone) LogFailure(url, "the answer holds no key");
   if (key.error == CloudError::kNone && !StoreKey(key.text)) key.error = CloudError::kLocal;
   return key;
 }

@@ -99,9 +99,12 @@ PostAnswer Post(const std::string& url, const std::string& agent, const FormFiel
       !Prepare(curl.get(), url, agent, FormText(curl.get(), fields), answer.text)) {
     return answer;
   }
-  answer.end = EndOf(curl_easy_perform(curl.get()));
+  const CURLcode result = curl_easy_perform(curl.get());
+  answer.end = EndOf(result);
   if (answer.end == PostEnd::kAnswered) {
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status);
+  } else {
+    answer.text = curl_easy_strerror(result);
   }
   return answer;
 }
@@ -109,6 +112,6 @@ PostAnswer Post(const std::string& url, const std::string& agent, const FormFiel
 }  // namespace
 }  // namespace hos_linux
 
-extern "C" __attribute__((visibility("default"))) hos_linux::PostForm* KivoCloudServicePost1() {
+extern "C" __attribute__((visibility("default"))) hos_linux::PostForm* KivoCloudServicePost2() {
   return hos_linux::Post;
 }

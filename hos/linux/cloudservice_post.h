@@ -11,7 +11,7 @@ namespace hos_linux {
 inline constexpr char kCloudModulePath[] = "/usr/kivo/lib/kivo_cloudservice.so";
 
 // The module's one symbol. Its number grows with every change of what is declared here.
-inline constexpr char kCloudModuleSymbol[] = "KivoCloudServicePost1";
+inline constexpr char kCloudModuleSymbol[] = "KivoCloudServicePost2";
 
 using FormFields = std::vector<std::pair<const char*, std::string>>;
 
@@ -20,7 +20,7 @@ enum class PostEnd { kAnswered, kTooLarge, kBadRequest, kNoMemory, kNetworkFaile
 struct PostAnswer {
   PostEnd end;
   long status;       // HTTP status; 0 unless an answer came
-  std::string text;  // body, 64 KiB at most
+  std::string text;  // body, 64 KiB at most; why there is none unless an answer came
 };
 
 // Posts `fields`, URL-escaped, to the https address `url` as the user agent `agent`, within 30 s.

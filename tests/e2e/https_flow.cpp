@@ -92,7 +92,8 @@ HttpsFlow Registration() {
           1,
           "",
           "nodelink-login: System error (code 15)\n",
-          {"zomi_account_login Failed to get apikey",
+          {"Failed to register an API key at https://cloudservice.veltrix.example/",
+           "zomi_account_login Failed to get apikey",
            "account_service KIVOZOMIAccountLogin failed, email=anna@example.org"}};
 }
 

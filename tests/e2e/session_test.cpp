@@ -15,8 +15,10 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -159,6 +161,7 @@ TEST_F(Session, ARefusedRegistrationOfAnApiKeyFailsTheLogin) {
     const auto id = cloud_.faults().Add(rule);
     EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
               "nodelink-login: System error (code 24)\n");
+    EXPECT_THAT(Log(), Contains(EndsWith("/register: the answer holds no key")));
     EXPECT_FALSE(Exists(kApiKey));
     cloud_.faults().Remove(id);
   }
@@ -168,6 +171,8 @@ TEST_F(Session, WithoutANetworkTheRegistrationSaysSo) {
   cloud_.Stop();
   EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
             "nodelink-login: System error (code 15)\n");
+  EXPECT_THAT(Log(), Contains(AllOf(HasSubstr("Failed to register an API key at https://"),
+                                    HasSubstr("connect to server"))));
 }
 
 TEST_F(Session, WrongUsageIsSaidOnStandardError) {
