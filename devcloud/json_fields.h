@@ -27,7 +27,6 @@ class JsonFields {
   // Throws BadInput unless the text is a JSON object.
   explicit JsonFields(const std::string& text);
 
-  [[nodiscard]] bool Has(const std::string& name) const { return object_.isMember(name); }
   void Text(const std::string& name, std::string& target);
   void OptionalText(const std::string& name, std::optional<std::string>& target);  // null: none
   void Flag(const std::string& name, bool& target);

@@ -12,7 +12,6 @@ enum ErrorCode : std::uint16_t {
   kNotFound = 0x0101,
   kBadContent = 0x0102,
   kTooBig = 0x0103,
-  kBusy = 0x0104,
   kNotTrusted = 0x0105,
   kProgramFailed = 0x0106,
   kTimedOut = 0x0107,

@@ -7,7 +7,6 @@ namespace nodelink {
 
 template <typename Value>
 struct RecordKey {
-  using ValueType = Value;
   const char* name;
   Value default_value;  // what a missing or empty value reads as
 };

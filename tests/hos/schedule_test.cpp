@@ -92,7 +92,6 @@ TEST(Schedule, TheSameDeviceAndJobGetTheSameValues) {
 }
 
 TEST(Schedule, TheItemsOfAListAreDrawnApart) {
-  std::set<std::string> lists;
   bool differ = false;
   for (int i = 0; i < 50; ++i) {
     const std::string text = Resolved("~,~ * * * *", "SN" + std::to_string(i));

@@ -207,8 +207,6 @@ int RealOpen(const char* path, int flags, mode_t mode) { return __real_open(path
 
 int RealClose(int fd) { return __real_close(fd); }
 
-std::time_t RealTime() { return __real_time(nullptr); }
-
 CURLcode RealCurlEasyPerform(CURL* curl) { return __real_curl_easy_perform(curl); }
 
 }  // namespace interpose

@@ -56,7 +56,6 @@ int RealSetresuid(uid_t real, uid_t effective, uid_t saved);
 int RealSetresgid(gid_t real, gid_t effective, gid_t saved);
 int RealOpen(const char* path, int flags, mode_t mode);
 int RealClose(int fd);
-std::time_t RealTime();
 CURLcode RealCurlEasyPerform(CURL* curl);
 
 }  // namespace interpose
