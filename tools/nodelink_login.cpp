@@ -79,7 +79,7 @@ int Run(int argc, char** argv) {
   return 2;
 }
 
-int Fail(std::uint32_t code) {
+int SayFailure(std::uint32_t code) {
   std::fprintf(stderr, "nodelink-login: %s (code %u)\n", nodelink::ErrorCodeToText(code), code);
   return 1;
 }
@@ -93,8 +93,8 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const nodelink::ZomiException& failure) {
-    return Fail(failure.code());
+    return SayFailure(failure.code());
   } catch (const std::exception&) {
-    return Fail(nodelink::kGenericError);
+    return SayFailure(nodelink::kGenericError);
   }
 }

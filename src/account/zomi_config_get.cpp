@@ -20,11 +20,6 @@ constexpr int kInitialSize = 512;
 constexpr char kIdentifierKey[] = "zomiID";
 constexpr char kPasswordKey[] = "zomiPW";
 
-int Fail(ErrorCode code) {
-  SetLastErrorCode(code);
-  return -1;
-}
-
 int ReadKeys(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
   int count = 0;
   const bool privileged =

@@ -8,8 +8,7 @@
 
 extern "C" int KIVOZOMIServerConfigGet(KIVOZOMI_SERVER_CONFIG* config) {
   if (config == nullptr) {
-    nodelink::SetLastErrorCode(nodelink::kWrongParameters);
-    return -1;
+    return nodelink::Fail(nodelink::kWrongParameters);
   }
   try {
     const nodelink::ServerInfo servers;
@@ -19,7 +18,6 @@ extern "C" int KIVOZOMIServerConfigGet(KIVOZOMI_SERVER_CONFIG* config) {
                   servers.AccountHost().c_str());
     return 0;
   } catch (const nodelink::ZomiException& failure) {
-    nodelink::SetLastErrorCode(failure.code());
-    return -1;
+    return nodelink::Fail(failure.code());
   }
 }

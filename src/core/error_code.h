@@ -47,6 +47,12 @@ std::uint32_t CloudServiceErrorToCode();
 void SetLastErrorCode(std::uint32_t code);
 std::uint32_t LastErrorCode();
 
+// Stores `code` in the last-error cell and gives the -1 of a function that failed.
+inline int Fail(std::uint32_t code) {
+  SetLastErrorCode(code);
+  return -1;
+}
+
 // Stores ServerStatusToErrorCode(word) in the last-error cell.
 void SetServerStatusError(const char* word);
 

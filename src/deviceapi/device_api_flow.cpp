@@ -21,11 +21,6 @@ using ResponseOwner = std::unique_ptr<DeviceApiResponse, ResponseFree>;
 
 }  // namespace
 
-int Fail(std::uint32_t code) {
-  SetLastErrorCode(code);
-  return -1;
-}
-
 int FindAccountHost(LogSite site, std::string& host) {
   KIVOZOMI_SERVER_CONFIG servers{};
   if (KIVOZOMIServerConfigGet(&servers) < 0) {

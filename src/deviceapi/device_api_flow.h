@@ -19,9 +19,6 @@ enum class Quick { kNo, kYes };  // deviceapi/zomi_https_req_send.h
 
 using FormFields = std::vector<std::pair<const char*, std::string>>;
 
-// Sets the last error code; returns -1.
-int Fail(std::uint32_t code);
-
 // The account server's base URL. Returns 0, or -1 with kNoServerConfig.
 [[nodiscard]] int FindAccountHost(LogSite site, std::string& host);
 

@@ -406,16 +406,11 @@ int DeviceApiAppendParam(void* curl, const char* name, const char* value, char**
 int DeviceApiSend(const DeviceApiRequest* request, DeviceApiResponse* response) {
   if (request == nullptr || response == nullptr || request->host == nullptr ||
       request->path == nullptr) {
-    SetLastErrorCode(kWrongParameters);
-    return -1;
+    return Fail(kWrongParameters);
   }
   *response = DeviceApiResponse{};
   const ErrorCode code = Transfer(*request).Run(*response);
-  if (code != kSuccess) {
-    SetLastErrorCode(code);
-    return -1;
-  }
-  return 0;
+  return code == kSuccess ? 0 : Fail(code);
 }
 
 }  // namespace nodelink

@@ -62,8 +62,7 @@ int DeviceApiSend(const DeviceApiRequest* request, DeviceApiResponse* response) 
     if (response != nullptr) {
       *response = DeviceApiResponse{};
     }
-    SetLastErrorCode(kRequestNotSent);
-    return -1;
+    return Fail(kRequestNotSent);
   }
   return module->device_api_send(request, response);
 }
