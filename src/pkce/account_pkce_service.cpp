@@ -15,7 +15,6 @@
 #include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/include/internal/json_utils.h"
-#include "core/include/internal/string_utils.h"
 #include "core/json.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
@@ -23,6 +22,7 @@
 #include "kivo/log.h"
 #include "kivo/pkce.h"
 #include "klibc/exec.h"
+#include "pkce/http_answer.h"
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
 #include "platform/hos_service.h"
@@ -42,7 +42,6 @@ constexpr int kExecFlags = 187;
 constexpr int kLogType = 2;
 constexpr int kLogLevel = 1;
 constexpr unsigned int kLoggedOutEvent = 0x13A00002;
-constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 
 // The place of this line in the log is fixed: administrators' filters know it.
@@ -69,25 +68,6 @@ HttpAnswer PostToAccount(const char* path, const std::string& client_id, HttpFor
                .user_agent = HosService::GetUserAgent(),
                .header_sets = {{{"X-Client-ID", client_id}}},
                .form = std::move(form)});
-}
-
-// "Failed to WHAT, reqcode=..." for a transfer that failed.
-void CheckTransfer(const std::string& what, const HttpAnswer& answer) {
-  if (answer.error_code != 0) {
-    throw ZomiException(kBadResponse, FormatString("Failed to " + what + ", reqcode=%d, reqmsg=%s",
-                                                   answer.error_code, answer.error_message));
-  }
-}
-
-// "Failed to WHAT, code=..., resp=..."
-std::string AnswerText(const std::string& what, const HttpAnswer& answer) {
-  return FormatString("Failed to " + what + ", code=%d, resp=%s", answer.status, answer.text);
-}
-
-void CheckStatus(const std::string& what, const HttpAnswer& answer) {
-  if (answer.status != kOk) {
-    throw ZomiException(kBadResponse, AnswerText(what, answer));
-  }
 }
 
 HttpForm GrantForm(const Json::Value& config, const CodePair& pair) {

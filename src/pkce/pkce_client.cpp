@@ -14,6 +14,7 @@
 #include "core/log.h"
 #include "core/zomi_exception.h"
 #include "pkce/file_lock.h"
+#include "pkce/http_answer.h"
 #include "pkce/http_request.h"
 #include "platform/hos_service.h"
 
@@ -88,22 +89,17 @@ bool HasAllTokens(const Json::Value& response) {
 void CheckRenewal(const HttpAnswer& answer, const Json::Value& response,
                   const std::string& refresh_token) {
   if (!response.isObject()) {
-    ThrowLogged(kNoObjectSite, kBadResponse,
-                FormatString("Failed to parse renew token resp, code=%d, resp=%s", answer.status,
-                             answer.text));
+    ThrowLogged(kNoObjectSite, kBadResponse, AnswerText("parse renew token resp", answer));
   }
   if (answer.status != kOk) {
     ThrowLogged(kRefusedSite, kAuthFailed,
-                FormatString("Failed to renew token, refresh_token is expired or revoked, "
-                             "code=%d, resp=%s",
-                             answer.status, answer.text));
+                AnswerText("renew token, refresh_token is expired or revoked", answer));
   }
   if (!HasAllTokens(response)) {
     LogError(kTokenMissingSite, "Failed to RenewToken by [%s], resp=%s",
              refresh_token.substr(0, kLoggedTokenLength).c_str(),
              response.toStyledString().c_str());
-    throw ZomiException(kNoToken, FormatString("Failed to parse renew token resp, code=%d, resp=%s",
-                                               answer.status, answer.text));
+    throw ZomiException(kNoToken, AnswerText("parse renew token resp", answer));
   }
 }
 
@@ -170,23 +166,14 @@ void PkceClientImpl::PkceLogin(const std::string& code, const std::string& code_
                                   {"redirect_uri", redirect_uri},
                                   {"code", code},
                                   {"code_verifier", code_verifier}});
-  if (answer.error_code != 0) {
-    throw ZomiException(kBadResponse,
-                        FormatString("Failed to exchange token, reqcode=%d, reqmsg=%s",
-                                     answer.error_code, answer.error_message));
-  }
-  if (answer.status != kOk) {
-    throw ZomiException(kBadResponse, FormatString("Failed to exchange token, code=%d, resp=%s",
-                                                   answer.status, answer.text));
-  }
+  CheckTransfer("exchange token", answer);
+  CheckStatus("exchange token", answer);
   Json::Value response;
   ParseJson(answer.text, response);
   if (!HasAllTokens(response)) {
     LogError(kExchangeSite, "Failed to PkceLogin by [%s|%s], resp=%s", code.c_str(),
              code_verifier.c_str(), answer.text.c_str());
-    throw ZomiException(kNoToken,
-                        FormatString("Failed to parse exchange authkey resp, code=%d, resp=%s",
-                                     answer.status, answer.text));
+    throw ZomiException(kNoToken, AnswerText("parse exchange authkey resp", answer));
   }
   SaveToken(response);
 }
@@ -197,10 +184,7 @@ void PkceClientImpl::RenewToken() {
   const HttpAnswer answer = Send({{"grant_type", "refresh_token"},
                                   {"refresh_token", refresh_token},
                                   {"client_id", ConfigText("client_id")}});
-  if (answer.error_code != 0) {
-    throw ZomiException(kBadResponse, FormatString("Failed to renew token, reqcode=%d, reqmsg=%s",
-                                                   answer.error_code, answer.error_message));
-  }
+  CheckTransfer("renew token", answer);
   Json::Value response;
   ParseJson(answer.text, response);
   CheckRenewal(answer, response, refresh_token);
