@@ -37,8 +37,7 @@ constexpr char kGrantPath[] = "/migration/api/v1/device/core/authorization_code/
 constexpr char kLogoutPath[] = "/device/api/logout";
 constexpr char kClientName[] = "login";
 constexpr char kLoginAction[] = "zomi/login";
-constexpr char kClearTokens[] = "/bin/rm -f /usr/kivo/etc/veltrix-account/private/*_token.json";
-constexpr int kExecFlags = 187;
+constexpr int kExecFlags = 0xBB;
 constexpr int kLogType = 2;
 constexpr int kLogLevel = 1;
 constexpr unsigned int kLoggedOutEvent = 0x13A00002;
@@ -157,6 +156,15 @@ void StoreAccount(const Json::Value& identity) {
   });
 }
 
+// Those of every client.
+void ClearTokens() {
+  const std::string command = std::string("/bin/rm -f ") + record::kFolder + "*_token.json";
+  if (KLIBCExecl("/bin/sh", kExecFlags, "-c", command.c_str(), static_cast<char*>(nullptr)) < 0) {
+    LogError(Here(), "Failed to clear token files");
+  }
+  base::FlushFolderOf(record::kPath);  // or a power failure brings the record or the keys back
+}
+
 }  // namespace
 
 AccountPkceServiceImpl::AccountPkceServiceImpl() : client_(kClientName) {
@@ -228,10 +236,7 @@ void AccountPkceServiceImpl::ClearLocalAccount() {
   (void)ZomiConfigRemove();
   (void)RemoveReportJob();
   (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedOutEvent, "", "", "", "");
-  if (KLIBCExecl("/bin/sh", kExecFlags, "-c", kClearTokens, static_cast<char*>(nullptr)) < 0) {
-    LogError(Here(), "Failed to clear token files");
-  }
-  base::FlushFolderOf(record::kPath);  // the tokens' too; or a power failure brings the keys back
+  ClearTokens();
 }
 
 std::string AccountPkceServiceImpl::GetAccessTokenWithRescue() {

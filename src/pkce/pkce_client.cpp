@@ -7,6 +7,7 @@
 #include <fstream>
 #include <utility>
 
+#include "account/record_keys.h"
 #include "core/error_code.h"
 #include "core/include/internal/json_utils.h"
 #include "core/include/internal/string_utils.h"
@@ -47,7 +48,6 @@ class PkceClientImpl {
 
 namespace {
 
-constexpr char kFolder[] = "/usr/kivo/etc/veltrix-account/private/";
 constexpr unsigned int kLockTimeout = 30;  // seconds
 constexpr int kOk = 200;
 constexpr std::size_t kLoggedTokenLength = 10;
@@ -105,7 +105,7 @@ void CheckRenewal(const HttpAnswer& answer, const Json::Value& response,
 
 }  // namespace
 
-std::string PkceClientImpl::GetTokenPath() const { return kFolder + name_ + "_token.json"; }
+std::string PkceClientImpl::GetTokenPath() const { return record::kFolder + name_ + "_token.json"; }
 
 bool PkceClientImpl::HasToken() const { return std::ifstream(GetTokenPath()).is_open(); }
 
