@@ -25,37 +25,37 @@ constexpr unsigned int kLockTimeout = 30;         // seconds
 constexpr std::uint64_t kNeverAskBelow = 300;     // seconds
 constexpr std::uint64_t kCacheAnswersTo = 86399;  // seconds
 
-// A text that may be missing; its place in the record is `key`.
-struct TextMember {
+// A member of the answer, and its place in the record.
+struct TextField {
   const char* name;
   const TextKey& key;
 };
 
-struct FlagMember {
+struct FlagField {
   const char* name;
   const FlagKey& key;
 };
 
-// The members that every answer must have, in the order in which they are written.
-constexpr std::array kTextMembers = {
-    TextMember{"email", record::kZomiId},
-    TextMember{"full_name", record::kFullName},
-    TextMember{"country", record::kCountry},
-    TextMember{"timezone", record::kTimezone},
-    TextMember{"notify_language", record::kNotifyLanguage},
+// Those that every answer must have, in the order in which they are written.
+constexpr std::array kTextFields = {
+    TextField{"email", record::kZomiId},
+    TextField{"full_name", record::kFullName},
+    TextField{"country", record::kCountry},
+    TextField{"timezone", record::kTimezone},
+    TextField{"notify_language", record::kNotifyLanguage},
 };
-constexpr std::array kFlagMembers = {
-    FlagMember{"activated", record::kActivated},
-    FlagMember{"disabled", record::kDisabled},
-    FlagMember{"enews", record::kEnews},
-    FlagMember{"enews_local_promotion", record::kEnewsLocalPromotion},
-    FlagMember{"critical_release", record::kCriticalRelease},
+constexpr std::array kFlagFields = {
+    FlagField{"activated", record::kActivated},
+    FlagField{"disabled", record::kDisabled},
+    FlagField{"enews", record::kEnews},
+    FlagField{"enews_local_promotion", record::kEnewsLocalPromotion},
+    FlagField{"critical_release", record::kCriticalRelease},
 };
 
 // What the server says of the account, read from a whole answer.
 struct Profile {
-  std::array<std::string, kTextMembers.size()> texts;
-  std::array<bool, kFlagMembers.size()> flags{};
+  std::array<std::string, kTextFields.size()> texts;
+  std::array<bool, kFlagFields.size()> flags{};
   std::string critical_version_list;    // names of the members that are true
   std::string critical_version_domain;  // names of all members
   bool realname_validation_pass = false;
@@ -122,15 +122,15 @@ bool ReadCriticalVersions(const Json::Value& answer, Profile& profile) {
 // Nothing when a member that every answer must have is missing.
 std::optional<Profile> ReadProfile(const Json::Value& answer) {
   Profile profile;
-  for (std::size_t index = 0; index < kTextMembers.size(); ++index) {
-    const auto text = json::TextMember(answer, kTextMembers[index].name);
+  for (std::size_t index = 0; index < kTextFields.size(); ++index) {
+    const auto text = json::TextMember(answer, kTextFields[index].name);
     if (!text) {
       return std::nullopt;
     }
     profile.texts[index] = *text;
   }
-  for (std::size_t index = 0; index < kFlagMembers.size(); ++index) {
-    const auto flag = json::BoolMember(answer, kFlagMembers[index].name);
+  for (std::size_t index = 0; index < kFlagFields.size(); ++index) {
+    const auto flag = json::BoolMember(answer, kFlagFields[index].name);
     if (!flag) {
       return std::nullopt;
     }
@@ -174,11 +174,11 @@ int Judge(const std::string& text, Profile& profile) {
 
 void WriteProfile(const Profile& profile) {
   User user;
-  for (std::size_t index = 0; index < kTextMembers.size(); ++index) {
-    user.Set(kTextMembers[index].key, profile.texts[index]);
+  for (std::size_t index = 0; index < kTextFields.size(); ++index) {
+    user.Set(kTextFields[index].key, profile.texts[index]);
   }
-  for (std::size_t index = 0; index < kFlagMembers.size(); ++index) {
-    user.Set(kFlagMembers[index].key, profile.flags[index]);
+  for (std::size_t index = 0; index < kFlagFields.size(); ++index) {
+    user.Set(kFlagFields[index].key, profile.flags[index]);
   }
   user.Set(record::kCriticalVersionList, profile.critical_version_list);
   user.Set(record::kCriticalVersionDomain, profile.critical_version_domain);
@@ -203,11 +203,11 @@ int FillOutput(Json::Value& output) {
   try {
     const User user;
     output["auth_key"] = user.Get(record::kHsAuthKey);
-    for (const TextMember& member : kTextMembers) {
-      output[member.name] = user.Get(member.key);
+    for (const TextField& field : kTextFields) {
+      output[field.name] = user.Get(field.key);
     }
-    for (const FlagMember& member : kFlagMembers) {
-      output[member.name] = user.Get(member.key);
+    for (const FlagField& field : kFlagFields) {
+      output[field.name] = user.Get(field.key);
     }
     return 0;
   } catch (const ZomiException& failure) {
