@@ -10,9 +10,9 @@ namespace nodelink {
 
 class PkceClientImpl;
 
-// Each operation but HasToken runs under a lock between processes, waited for 30 seconds at most;
-// one that cannot be had throws ZomiException with kNoToken. On every failure the token file is as
-// it was.
+// Each operation but SetConfig and HasToken runs under a lock between processes, waited for 30
+// seconds at most; one that cannot be had throws ZomiException with kNoToken. On every failure the
+// token file is as it was.
 class PkceClient {
  public:
   // `name` names the token file, /usr/kivo/etc/veltrix-account/private/NAME_token.json, and the
