@@ -58,6 +58,11 @@ std::optional<std::string> ReadKey(const char* path, const char* key) {
   return std::string(*value);
 }
 
+bool StaysBelow(const std::string& name) {
+  const std::string framed = "/" + name + "/";
+  return framed.find("//") == std::string::npos && framed.find("/.") == std::string::npos;
+}
+
 int CopyOut(std::string_view text, char* buffer, int size) {
   const std::string_view until_nul = text.substr(0, text.find('\0'));
   const std::size_t length = std::min(until_nul.size(), static_cast<std::size_t>(size) - 1);

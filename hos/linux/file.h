@@ -29,6 +29,10 @@ enum class Links { kFollow, kRefuse };
 // The value of `key` in the key-value file `path`; nothing when file, key or value is missing.
 [[nodiscard]] std::optional<std::string> ReadKey(const char* path, const char* key);
 
+// Whether the relative path `name` stays below the folder that it starts from: it has no empty part
+// and none that begins with a dot.
+[[nodiscard]] bool StaysBelow(const std::string& name);
+
 // Copies `text`, cut at its first NUL and at size - 1 bytes, into `buffer` of `size` bytes (1 or
 // more) and ends it with NUL. Gives the length of the copy.
 int CopyOut(std::string_view text, char* buffer, int size);

@@ -16,6 +16,7 @@
 #include "base/unique_fd.h"
 #include "child.h"
 #include "error.h"
+#include "file.h"
 
 struct KLIBPLUGIN {
   std::string action;
@@ -34,13 +35,12 @@ struct Folder {
   base::UniqueFd fd;
 };
 
-// Action names are folder names below the plug-in root, and must stay below it.
-bool IsActionName(std::string_view action) {
-  const bool plain = action.find_first_not_of(
-                         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-/") ==
-                     std::string_view::npos;
-  const std::string framed = "/" + std::string(action) + "/";
-  return plain && framed.find("//") == std::string::npos && framed.find("/.") == std::string::npos;
+// Action names are folder names below the plug-in root.
+bool IsActionName(const std::string& action) {
+  return StaysBelow(action) &&
+         action.find_first_not_of(
+             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-/") ==
+             std::string::npos;
 }
 
 // What others may change must not run with the caller's rights.

@@ -38,11 +38,8 @@ std::optional<std::string> ZoneName() {
 }
 
 // A name that leads out of the table is no zone of it, nor is another file that stands there.
-bool IsInTable(std::string_view zone) {
-  const std::string framed = "/" + std::string(zone) + "/";
-  if (framed.find("/.") != std::string::npos || framed.find("//") != std::string::npos) {
-    return false;
-  }
+bool IsInTable(const std::string& zone) {
+  if (!StaysBelow(zone)) return false;
   const FileText file = ReadFile(std::string(kZoneTable).append(zone).c_str(), kLargestZone);
   return file.text.starts_with("TZif");
 }
