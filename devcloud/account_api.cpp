@@ -12,14 +12,8 @@ constexpr const char* kExchangePath = "/oauth2/api/v1/device/core/authkey/exchan
 constexpr const char* kGrantPath = "/migration/api/v1/device/core/authorization_code/grant";
 constexpr const char* kLogoutPath = "/device/api/logout";
 
-Response Failure(int status, const std::string& error) {
-  Json::Value body(Json::objectValue);
-  body["error"] = error;
-  return JsonResponse(status, body);
-}
-
 Response Unauthorized(const std::string& error) {
-  Response response = Failure(401, error);
+  Response response = JsonError(401, error);
   response.headers.push_back({"WWW-Authenticate", "Bearer error=\"invalid_token\""});
   return response;
 }
@@ -74,7 +68,7 @@ std::optional<Link> AccountApi::LinkByScope(const Family& family) {
 }
 
 Response AccountApi::ExchangeAuthKey(const Request& request) {
-  if (!request.body.empty()) return Failure(400, "the body must be empty");
+  if (!request.body.empty()) return JsonError(400, "the body must be empty");
   const std::optional<Family> family =
       tokens_.FindByToken(BearerToken(request), TokenKind::kAccess);
   const auto account = family ? store_.FindAccount(family->grant.user_id) : std::nullopt;
@@ -83,11 +77,11 @@ Response AccountApi::ExchangeAuthKey(const Request& request) {
   }
   if (!IsValidSerial(ScopeValue(family->grant.scope, "sn")) ||
       !IsValidMac(ScopeValue(family->grant.scope, "mac"))) {
-    return Failure(403, "the token's scope names no device (sn:SERIAL mac:ADDRESS)");
+    return JsonError(403, "the token's scope names no device (sn:SERIAL mac:ADDRESS)");
   }
   Transaction transaction(store_.database());
   const std::optional<Link> link = LinkByScope(*family);
-  if (!link) return Failure(403, "serial_exceed_max_account_register");
+  if (!link) return JsonError(403, "serial_exceed_max_account_register");
   transaction.Commit();
   Json::Value answer(Json::objectValue);
   answer["user_id"] = link->user_id;
@@ -98,26 +92,27 @@ Response AccountApi::ExchangeAuthKey(const Request& request) {
 Response AccountApi::GrantCode(const Request& request) {
   const std::optional<Form> form = ReadForm(request);
   const std::optional<Client> client = FindCaller(request);
-  if (!client) return Failure(400, "X-Client-ID is missing or unknown");
+  if (!client) return JsonError(400, "X-Client-ID is missing or unknown");
   if (!form || form->Get("client_id") != client->client_id) {
-    return Failure(400, "client_id is not that of X-Client-ID");
+    return JsonError(400, "client_id is not that of X-Client-ID");
   }
   return GrantCodeTo(*client, *form);
 }
 
 Response AccountApi::GrantCodeTo(const Client& client, const Form& form) {
   if (!clients_.MayRedirect(client, form.Get("redirect_url"))) {
-    return Failure(400, "redirect_url is not registered");
+    return JsonError(400, "redirect_url is not registered");
   }
   if (form.Get("state").empty() || !IsCodeChallenge(form.Get("code_challenge"))) {
-    return Failure(400, "state or code_challenge is missing or invalid");
+    return JsonError(400, "state or code_challenge is missing or invalid");
   }
   const std::optional<Link> link = store_.FindLinkByAuthKey(form.Get("auth_key"));
   const auto account = link ? store_.FindAccount(link->user_id) : std::nullopt;
   if (!account || !IsSuccessWord(account->state)) return Unauthorized("auth_key is not accepted");
   const std::string scope = Join(form.GetAll("scopes[]"));
   const std::string serial = ScopeValue(scope, "sn");
-  if (!serial.empty() && serial != link->serial) return Failure(400, "scopes[] of another device");
+  if (!serial.empty() && serial != link->serial)
+    return JsonError(400, "scopes[] of another device");
   Json::Value answer(Json::objectValue);
   answer["grant_code"] = tokens_.IssueCode({.grant = {client.client_id, link->user_id, scope},
                                             .redirect_uri = form.Get("redirect_url"),
@@ -128,7 +123,7 @@ Response AccountApi::GrantCodeTo(const Client& client, const Form& form) {
 
 // Devices read the status word of a logout out of answers with status 200 only.
 Response AccountApi::Logout(const Request& request) {
-  if (!FindCaller(request)) return Failure(400, "X-Client-ID is missing or unknown");
+  if (!FindCaller(request)) return JsonError(400, "X-Client-ID is missing or unknown");
   const std::optional<Form> form = ReadForm(request);
   Json::Value answer(Json::objectValue);
   answer["code"] = form ? LogOut(*form) : "badparam";

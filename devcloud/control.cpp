@@ -25,12 +25,6 @@ class Conflict : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-Response Failure(int status, const std::string& text) {
-  Json::Value body(Json::objectValue);
-  body["error"] = text;
-  return JsonResponse(status, body);
-}
-
 Response Done() { return {.status = 204}; }
 
 Response Created(const Json::Value& value) { return JsonResponse(201, value); }
@@ -237,15 +231,15 @@ void Control::AddTokenChange(const char* pattern, TokenChange change) {
 }
 
 Response Control::Answer(const Request& request) const {
-  if (!ComesFromHere(request)) return Failure(403, "only for programs on this machine");
+  if (!ComesFromHere(request)) return JsonError(403, "only for programs on this machine");
   try {
     return router_.Route(request);
   } catch (const BadInput& error) {
-    return Failure(400, error.what());
+    return JsonError(400, error.what());
   } catch (const NotFound& error) {
-    return Failure(404, error.what());
+    return JsonError(404, error.what());
   } catch (const Conflict& error) {
-    return Failure(409, error.what());
+    return JsonError(409, error.what());
   }
 }
 

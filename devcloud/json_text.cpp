@@ -39,4 +39,10 @@ Response JsonResponse(int status, const Json::Value& value) {
           .body = ToCompactText(value)};
 }
 
+Response JsonError(int status, const std::string& text) {
+  Json::Value body(Json::objectValue);
+  body["error"] = text;
+  return JsonResponse(status, body);
+}
+
 }  // namespace devcloud

@@ -20,4 +20,7 @@ namespace devcloud {
 // An answer with that status and JSON body.
 [[nodiscard]] Response JsonResponse(int status, const Json::Value& value);
 
+// The same with {"error": TEXT}.
+[[nodiscard]] Response JsonError(int status, const std::string& text);
+
 }  // namespace devcloud

@@ -43,12 +43,6 @@ std::optional<std::vector<std::string>> Match(const std::vector<std::string>& pa
   return parameters;
 }
 
-Response Failure(int status, const std::string& text) {
-  Json::Value body(Json::objectValue);
-  body["error"] = text;
-  return JsonResponse(status, body);
-}
-
 }  // namespace
 
 void Router::Add(std::string method, const std::string& pattern, RouteHandler handler) {
@@ -64,8 +58,8 @@ Response Router::Route(const Request& request) const {
     if (entry.method == request.method) return entry.handler(request, *parameters);
     allowed += (allowed.empty() ? "" : ", ") + entry.method;
   }
-  if (allowed.empty()) return Failure(404, "no such page");
-  Response response = Failure(405, "method not allowed");
+  if (allowed.empty()) return JsonError(404, "no such page");
+  Response response = JsonError(405, "method not allowed");
   response.headers.push_back({"Allow", allowed});
   return response;
 }
