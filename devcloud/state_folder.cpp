@@ -1,22 +1,19 @@
 #include "devcloud/state_folder.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 
-#include "base/unique_fd.h"
+#include "base/atomic_replace.h"
+#include "base/read_file.h"
 
 namespace devcloud {
 namespace {
+
+constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 
 [[noreturn]] void Fail(const std::string& what, const std::string& file) {
   throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
@@ -24,19 +21,10 @@ namespace {
 
 // Nothing when there is no such file.
 std::optional<std::string> ReadIfThere(const std::string& file) {
-  if (::access(file.c_str(), F_OK) != 0 && errno == ENOENT) return std::nullopt;
-  std::ifstream in(file, std::ios::binary);
-  if (!in) Fail("cannot read", file);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteAll(int fd, std::string_view content, const std::string& file) {
-  while (!content.empty()) {
-    const ssize_t written = ::write(fd, content.data(), content.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) Fail("cannot write", file);
-    content.remove_prefix(static_cast<std::size_t>(written));
-  }
+  std::string text;
+  if (base::ReadFile(file, kLargestFile, text)) return text;
+  if (errno != ENOENT) Fail("cannot read", file);
+  return std::nullopt;
 }
 
 std::string LoadOrMake(const std::string& file, std::string (*make)()) {
@@ -49,15 +37,7 @@ std::string LoadOrMake(const std::string& file, std::string (*make)()) {
 }  // namespace
 
 void WriteFile(const std::string& file, const std::string& content, unsigned mode) {
-  const std::string temporary = file + ".new";
-  (void)::unlink(temporary.c_str());
-  const base::UniqueFd fd(
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
-  if (!fd) Fail("cannot create", temporary);
-  WriteAll(fd.get(), content, temporary);
-  if (::fsync(fd.get()) != 0 || std::rename(temporary.c_str(), file.c_str()) != 0) {
-    Fail("cannot write", file);
-  }
+  if (!base::AtomicReplace(file, content, mode)) Fail("cannot write", file);
 }
 
 std::string DatabaseFile(const std::string& folder) {
