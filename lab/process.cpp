@@ -19,6 +19,8 @@ extern "C" {  // which glibc's header does not say itself before 2.37
 #include <system_error>
 #include <utility>
 
+#include "base/atomic_replace.h"
+
 namespace lab {
 namespace {
 
@@ -54,12 +56,9 @@ Pipe MakeStdinSocket() {
 base::UniqueFd FileWith(std::string_view text) {
   base::UniqueFd file(memfd_create("stdin", MFD_CLOEXEC));
   if (file.get() < 0) ThrowErrno("memfd_create");
-  while (!text.empty()) {
-    const ssize_t size = write(file.get(), text.data(), text.size());
-    if (size < 0) ThrowErrno("standard input");
-    text.remove_prefix(static_cast<std::size_t>(size));
+  if (!base::WriteAll(file.get(), text) || lseek(file.get(), 0, SEEK_SET) != 0) {
+    ThrowErrno("standard input");
   }
-  if (lseek(file.get(), 0, SEEK_SET) != 0) ThrowErrno("standard input");
   return file;
 }
 

@@ -13,21 +13,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/atomic_replace.h"
 #include "base/unique_fd.h"
 #include "support/interpose.h"
 
 namespace {
-
-void WriteAll(int fd, const std::string& text) {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t count = write(fd, text.data() + written, text.size() - written);
-    if (count < 0) {
-      _exit(EXIT_FAILURE);
-    }
-    written += static_cast<std::size_t>(count);
-  }
-}
 
 std::string ReadAll(int fd) {
   std::string text;
@@ -52,8 +42,7 @@ std::string ReadAll(int fd) {
     result = error.what();
     status = EXIT_FAILURE;
   }
-  WriteAll(out, result);
-  _exit(status);
+  _exit(base::WriteAll(out, result) ? status : EXIT_FAILURE);
 }
 
 void ExpectEnded(pid_t child, const std::string& said) {
@@ -67,10 +56,6 @@ void ExpectEnded(pid_t child, const std::string& said) {
     throw std::runtime_error("the child failed, status " + std::to_string(status) + ": " + said);
   }
 }
-
-}  // namespace
-
-namespace {
 
 // 'R' running, 'S' waiting for an event ...; '?' for a thread that has just ended.
 char StateOf(const std::filesystem::path& task) {
