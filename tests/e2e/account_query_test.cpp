@@ -13,8 +13,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr char kQueryPath[] = "/device/api/user/query";
-
 class AccountQuery : public DeviceTest {
  protected:
   void ExpectFailure(const lab::ProcessResult& result) {

@@ -1,5 +1,6 @@
 #include "e2e/device_test.h"
 
+#include <json/reader.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 
 std::string ReadFile(const std::string& path) {
@@ -112,4 +114,16 @@ void DeviceTest::SetRecordValue(const std::string& key, const std::string& value
 
 void DeviceTest::SetLastQueryAge(long seconds) {
   SetRecordValue("last_query_time", std::to_string(std::time(nullptr) - seconds));
+}
+
+Json::Value DeviceTest::Tokens() {
+  Json::Value tokens;
+  std::istringstream(ReadFile(kTokens)) >> tokens;
+  return tokens;
+}
+
+void DeviceTest::AgeTokens(int seconds) {
+  Json::Value tokens = Tokens();
+  tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
+  WriteFile(kTokens, tokens.toStyledString(), 0600);
 }

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json/value.h>
 
 #include <optional>
 #include <string>
@@ -15,8 +16,12 @@
 
 inline constexpr char kRecord[] = "/usr/kivo/etc/veltrix-account/private/user.conf";
 inline constexpr char kTokens[] = "/usr/kivo/etc/veltrix-account/private/login_token.json";
+inline constexpr char kApiKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
 inline constexpr char kReportJob[] = "/etc/cron.d/kivo-zomi";
 inline constexpr char kNotices[] = "/usr/kivo/var/notifications.jsonl";
+inline constexpr char kEvents[] = "/usr/kivo/var/events.jsonl";
+inline constexpr char kQueryPath[] = "/device/api/user/query";
+inline constexpr char kTokenPath[] = "/oauth2/v1/token";
 inline constexpr char kSerial[] = "NL00000001A";
 inline constexpr char kEmail[] = "anna@example.org";
 inline constexpr char kPassword[] = "correct horse";
@@ -58,6 +63,12 @@ class DeviceTest : public testing::Test {
 
   // Sets the record's line of `key`, which must be there.
   static void SetRecordValue(const std::string& key, const std::string& value);
+
+  // The stored tokens. Throws when there are none.
+  static Json::Value Tokens();
+
+  // As if they had been stored that long ago.
+  static void AgeTokens(int seconds);
 
   lab::SyslogSink sink_;
   devcloud::Cloud cloud_;

@@ -11,8 +11,6 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::SizeIs;
 
-constexpr char kQueryPath[] = "/device/api/user/query";
-
 class HostileInput : public DeviceTest {
  protected:
   HostileInput() { LinkDevice(); }

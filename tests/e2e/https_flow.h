@@ -9,9 +9,6 @@
 
 #include "e2e/device_test.h"
 
-inline constexpr char kApiKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
-inline constexpr char kTokenPath[] = "/oauth2/v1/token";
-
 // The transport that a flow's request goes through.
 enum class Transport { kDeviceApi, kOauth, kPlatform };
 

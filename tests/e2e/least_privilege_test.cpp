@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -24,11 +23,8 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kApiKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
-constexpr char kEvents[] = "/usr/kivo/var/events.jsonl";
 constexpr char kTrace[] = "/var/tmp/trace";
 constexpr char kProbe[] = "/var/tmp/probe";
-constexpr char kTokenPath[] = "/oauth2/v1/token";
 
 Json::Value ParseObject(const std::string& text) {
   Json::Value value;
@@ -39,12 +35,6 @@ Json::Value ParseObject(const std::string& text) {
     return Json::Value(Json::objectValue);
   }
   return value;
-}
-
-void AgeTokens(int seconds) {
-  Json::Value tokens = ParseObject(ReadFile(kTokens));
-  tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
-  WriteFile(kTokens, tokens.toStyledString(), 0600);
 }
 
 // The secrets that requests and answers carried.

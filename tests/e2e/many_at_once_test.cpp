@@ -1,16 +1,12 @@
 // Many processes at once, and locks in other people's hands.
 #include <fcntl.h>
-#include <json/reader.h>
-#include <json/value.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <filesystem>
 #include <memory>
-#include <sstream>
 
 #include "base/unique_fd.h"
 #include "e2e/device_test.h"
@@ -25,8 +21,6 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr char kProgram[] = "/usr/kivo/bin/nodelink";
-constexpr char kQueryPath[] = "/device/api/user/query";
-constexpr char kTokenPath[] = "/oauth2/v1/token";
 constexpr char kQueryLock[] = "/tmp/account_query_info.lock";
 constexpr char kReadLock[] = "/tmp/account_login_get_token.lock";
 constexpr char kNoRenewal[] =
@@ -63,18 +57,6 @@ class Crowd {
  private:
   std::vector<std::unique_ptr<lab::BackgroundProcess>> members_;
 };
-
-Json::Value Tokens() {
-  Json::Value tokens;
-  std::istringstream(ReadFile(kTokens)) >> tokens;
-  return tokens;
-}
-
-void AgeTokens(int seconds) {
-  Json::Value tokens = Tokens();
-  tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
-  WriteFile(kTokens, tokens.toStyledString(), 0600);
-}
 
 class ManyAtOnce : public DeviceTest {
  protected:

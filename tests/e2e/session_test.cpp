@@ -1,14 +1,10 @@
 // A device's life with its account: login, report, token renewal and rescue, notices, logout.
-#include <json/reader.h>
-#include <json/value.h>
 #include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <memory>
-#include <sstream>
 
 #include "e2e/browser.h"
 #include "e2e/device_test.h"
@@ -25,9 +21,6 @@ using testing::Not;
 using testing::SizeIs;
 
 constexpr char kReportPath[] = "/device/api/report";
-constexpr char kTokenPath[] = "/oauth2/v1/token";
-
-constexpr char kApiKey[] = "/usr/kivo/etc/cloudservice/api_key";
 
 // What a terminal shows up to and with `end`, or all of it when its program ends before.
 std::string ReadUntil(int terminal, const std::string& end) {
@@ -57,19 +50,6 @@ class Session : public DeviceTest {
     return login.Wait();
   }
 
-  static Json::Value Tokens() {
-    Json::Value tokens;
-    std::istringstream(ReadFile(kTokens)) >> tokens;
-    return tokens;
-  }
-
-  // As if the tokens had been stored that long ago.
-  static void AgeTokens(int seconds) {
-    Json::Value tokens = Tokens();
-    tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
-    WriteFile(kTokens, tokens.toStyledString(), 0600);
-  }
-
   void RevokeTokens() {
     for (const auto& family : cloud_.tokens().Families()) {
       cloud_.tokens().RevokeFamily(family.id);
@@ -89,7 +69,7 @@ TEST_F(Session, APasswordLoginLinksTheDevice) {
   EXPECT_THAT(ReadFile(kReportJob),
               testing::ContainsRegex("\n[0-9]+ (9|1[0-6]) \\* \\* [1-5] root "
                                      "'/usr/kivo/bin/nodelink' '--report_info'\n"));
-  EXPECT_THAT(ReadFile("/usr/kivo/var/events.jsonl"), HasSubstr("0x13A00001"));
+  EXPECT_THAT(ReadFile(kEvents), HasSubstr("0x13A00001"));
 }
 
 TEST_F(Session, AWrongPasswordChangesNothing) {
@@ -131,12 +111,12 @@ TEST_F(Session, ThePasswordIsAskedForWithoutEcho) {
 
 TEST_F(Session, AnApiKeyThatTheServerDoesNotKnowIsRegisteredAnew) {
   LogInByPassword();
-  const std::string old_key = ReadFile(kApiKey);
+  const std::string old_key = ReadFile(kApiKeyFile);
   devcloud::Device device = cloud_.store().FindDevice(kSerial).value();
   device.api_key.reset();
   cloud_.store().PutDevice(device);
   LogInByPassword();
-  EXPECT_NE(ReadFile(kApiKey), old_key);
+  EXPECT_NE(ReadFile(kApiKeyFile), old_key);
   EXPECT_THAT(Log(), Contains("zomi_account_login ApiKey not found. Register new one."));
 }
 
@@ -147,7 +127,7 @@ TEST_F(Session, AnExpiredApiKeyIsDroppedForTheNextLogin) {
   cloud_.store().PutDevice(device);
   EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
             "nodelink-login: System error (code 27)\n");
-  EXPECT_FALSE(Exists(kApiKey));
+  EXPECT_FALSE(Exists(kApiKeyFile));
   LogInByPassword();
 }
 
@@ -162,7 +142,7 @@ TEST_F(Session, ARefusedRegistrationOfAnApiKeyFailsTheLogin) {
     EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
               "nodelink-login: System error (code 24)\n");
     EXPECT_THAT(Log(), Contains(EndsWith("/register: the answer holds no key")));
-    EXPECT_FALSE(Exists(kApiKey));
+    EXPECT_FALSE(Exists(kApiKeyFile));
     cloud_.faults().Remove(id);
   }
 }
@@ -344,7 +324,7 @@ TEST_F(Session, LogoutClearsTheDeviceAndTellsTheServer) {
   EXPECT_FALSE(Exists(kRecord));
   EXPECT_FALSE(Exists(kTokens));
   EXPECT_FALSE(cloud_.store().FindLink(kSerial).has_value());
-  EXPECT_THAT(ReadFile("/usr/kivo/var/events.jsonl"), HasSubstr("0x13A00002"));
+  EXPECT_THAT(ReadFile(kEvents), HasSubstr("0x13A00002"));
 }
 
 TEST_F(Session, ALogoutThatTheServerDoesNotTakeKeepsTheAccount) {
