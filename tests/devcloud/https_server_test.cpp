@@ -17,7 +17,6 @@
 
 namespace {
 
-using base::UniqueFd;
 using devcloud::Authority;
 using devcloud::Delivery;
 using devcloud::HttpsServer;
