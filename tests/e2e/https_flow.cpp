@@ -97,11 +97,12 @@ HttpsFlow Registration() {
            "account_service KIVOZOMIAccountLogin failed, email=anna@example.org"}};
 }
 
-HttpsFlow CodeExchange() {
-  return {"code_exchange",
+// A step of a login in a browser, after the address has been shown.
+HttpsFlow BrowserLoginStep(const char* name, const char* host, const char* path) {
+  return {name,
           Transport::kOauth,
-          kIdentityHost,
-          kTokenPath,
+          host,
+          path,
           kBrowserLogin,
           "code-secret\n",
           Stored::kLink,
@@ -113,20 +114,11 @@ HttpsFlow CodeExchange() {
           {}};
 }
 
+HttpsFlow CodeExchange() { return BrowserLoginStep("code_exchange", kIdentityHost, kTokenPath); }
+
 HttpsFlow KeyExchange() {
-  return {"key_exchange",
-          Transport::kOauth,
-          kAccountHost,
-          "/oauth2/api/v1/device/core/authkey/exchange",
-          kBrowserLogin,
-          "code-secret\n",
-          Stored::kLink,
-          "Open this address",
-          "nodelink-login: ",
-          1,
-          "Open this address",
-          "nodelink-login: Failed to get the response (code 5)\n",
-          {}};
+  return BrowserLoginStep("key_exchange", kAccountHost,
+                          "/oauth2/api/v1/device/core/authkey/exchange");
 }
 
 HttpsFlow Grant() {
