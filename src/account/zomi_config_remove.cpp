@@ -6,6 +6,7 @@
 #include "account/record_keys.h"
 #include "base/atomic_replace.h"
 #include "core/log.h"
+#include "core/platform_owner.h"
 #include "klib/plugin.h"
 
 namespace nodelink {
@@ -40,9 +41,8 @@ int ZomiConfigRemove() {
     LogError(Here(), "KLIBPluginSDKInit failed");
     return -1;
   }
-  const int result = AnnounceAndRemove(plugin);
-  KLIBPluginExit(plugin);
-  return result;
+  const PluginOwner owner(plugin);
+  return AnnounceAndRemove(plugin);
 }
 
 }  // namespace nodelink

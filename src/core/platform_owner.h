@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "klib/plugin.h"
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
 
@@ -16,6 +17,18 @@ struct PlatformFree {
 
 using SzHash = std::unique_ptr<KLIBCSZHASH, PlatformFree>;
 using SzList = std::unique_ptr<KLIBCSZLIST, PlatformFree>;
+
+// Owner of a plug-in handle. The platform wants it back even when it is null.
+class PluginOwner {
+ public:
+  explicit PluginOwner(KLIBPLUGIN* plugin) : plugin_(plugin) {}
+  PluginOwner(const PluginOwner&) = delete;
+  PluginOwner& operator=(const PluginOwner&) = delete;
+  ~PluginOwner() { KLIBPluginExit(plugin_); }
+
+ private:
+  KLIBPLUGIN* plugin_;
+};
 
 struct HeapFree {
   void operator()(void* block) const { std::free(block); }

@@ -1,6 +1,7 @@
 #include "platform/zomi_plugin_manager.h"
 
 #include "core/log.h"
+#include "core/platform_owner.h"
 #include "klib/plugin.h"
 
 namespace nodelink {
@@ -8,12 +9,13 @@ namespace {
 
 void RunPluginAction(const std::string& action, unsigned int number) {
   KLIBPLUGIN* plugin = nullptr;
-  if (KLIBPluginSDKInit("zomi", action.c_str(), &plugin, &plugin) < 0) {
+  const int opened = KLIBPluginSDKInit("zomi", action.c_str(), &plugin, &plugin);
+  const PluginOwner owner(plugin);
+  if (opened < 0) {
     LogError(Here(), "Failed to init plugin: %s", action.c_str());
   } else if (KLIBPluginAction(number, plugin) < 0) {
     LogError(Here(), "Failed to do plugin %s, action=%u", action.c_str(), number);
   }
-  KLIBPluginExit(plugin);
 }
 
 }  // namespace
