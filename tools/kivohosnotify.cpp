@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "base/json_text.h"
 #include "json_line.h"
 
 namespace {
@@ -18,7 +19,7 @@ int Notify(int count, char** words) {
   for (int index = 1; index < count; ++index) {
     record["args"].append(words[index]);
   }
-  syslog(LOG_NOTICE, "notice %s", hos_linux::OneLine(record["args"]).c_str());
+  syslog(LOG_NOTICE, "notice %s", base::JsonText(record["args"]).c_str());
   if (!hos_linux::AppendJsonLine(kNotificationFile, record)) {
     std::fprintf(stderr, "kivohosnotify: cannot write %s\n", kNotificationFile);
     return 1;

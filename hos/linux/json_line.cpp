@@ -1,13 +1,13 @@
 #include "json_line.h"
 
 #include <fcntl.h>
-#include <json/writer.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <ctime>
 
 #include "base/atomic_replace.h"
+#include "base/json_text.h"
 #include "base/unique_fd.h"
 #include "error.h"
 #include "file.h"
@@ -42,13 +42,6 @@ bool AppendLine(int fd, std::string line) {
 
 }  // namespace
 
-std::string OneLine(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
-}
-
 bool AppendJsonLine(const std::string& path, Json::Value record) {
   record["time"] = Json::Int64{std::time(nullptr)};
   if (!EnsureFolderOf(path)) return false;
@@ -57,7 +50,7 @@ bool AppendJsonLine(const std::string& path, Json::Value record) {
   const base::UniqueFd fd(open(path.c_str(), kFlags, kFileMode));
   if (!fd) return FalseFromErrno();
   if (!base::LockWithinLimit(fd.get())) return FalseFromErrno();
-  return AppendLine(fd.get(), OneLine(record) + "\n");
+  return AppendLine(fd.get(), base::JsonText(record) + "\n");
 }
 
 }  // namespace hos_linux

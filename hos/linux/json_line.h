@@ -12,7 +12,4 @@ namespace hos_linux {
 // serialised; a line is there whole or not at all.
 [[nodiscard]] bool AppendJsonLine(const std::string& path, Json::Value record);
 
-// One line of JSON, UTF-8 as it is, without a line end.
-[[nodiscard]] std::string OneLine(const Json::Value& value);
-
 }  // namespace hos_linux

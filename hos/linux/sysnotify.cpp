@@ -3,6 +3,7 @@
 #include <json/value.h>
 #include <syslog.h>
 
+#include "base/json_text.h"
 #include "error.h"
 #include "json_line.h"
 #include "szhash.h"
@@ -17,7 +18,7 @@ int Send(const char* tag, const KLIBCSZHASH& params) {
   record["tag"] = tag;
   record["params"] = Json::objectValue;
   for (const auto& [name, value] : params.entries) record["params"][name] = value;
-  syslog(LOG_NOTICE, "notification %s", OneLine(record).c_str());
+  syslog(LOG_NOTICE, "notification %s", base::JsonText(record).c_str());
   return AppendJsonLine(kNotificationFile, record) ? 0 : -1;
 }
 

@@ -1,13 +1,13 @@
 #include "core/json.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <memory>
 
 #include "base/atomic_replace.h"
+#include "base/json_text.h"
 #include "base/read_file.h"
 
 namespace nodelink::json {
@@ -66,20 +66,10 @@ bool fromFile(const std::string& path, Json::Value& value) {
   return fromString(text, value);
 }
 
-std::string toString(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["commentStyle"] = "None";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
-}
+std::string toString(const Json::Value& value) { return base::JsonText(value); }
 
 bool toFile(const Json::Value& value, const std::string& path) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "  ";
-  builder["commentStyle"] = "None";
-  builder["emitUTF8"] = true;
-  return base::AtomicReplace(path, Json::writeString(builder, value) + "\n", kPrivateFile);
+  return base::AtomicReplace(path, base::JsonText(value, "  ") + "\n", kPrivateFile);
 }
 
 std::optional<std::string> TextMember(const Json::Value& object, const char* name) {
