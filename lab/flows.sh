@@ -21,6 +21,9 @@ flows=(query password_login browser_login renewal rescue report logout update)
 foreign_flows=(foreign_query foreign_report)
 service_account=(setpriv --euid 1026 --egid 100 --clear-groups)
 
+expired='s/("created_at" *: *)[0-9]+/\11/'
+refused='s/("refresh_token" *: *)"[^"]*"/\1"refused"/'
+
 # A new value of its own at every login or query.
 volatile=' hs_auth_key last_query_time '
 
@@ -56,10 +59,11 @@ link() {
 # What the case before left, when that ended well, is a linked device too.
 stay_linked() { [[ -n $well_linked ]] || link; }
 
-edit_tokens() { # edit_tokens JQ_PROGRAM
-  local text
-  text=$(jq "$1" "$tokens")
-  printf '%s\n' "$text" >"$tokens"
+edit_tokens() { # edit_tokens SED_COMMAND
+  local before
+  before=$(<"$tokens")
+  sed -i -E "$1" "$tokens"
+  [[ $(<"$tokens") != "$before" ]] || die "the tokens cannot be edited: $1"
 }
 
 save_base() {
@@ -93,8 +97,8 @@ prepare() {
   case ${1#foreign_} in
     query | report | update) restore_base ;;
     password_login | browser_login) forget_everything ;;
-    renewal) stay_linked && edit_tokens '.created_at -= 7200' ;;
-    rescue) stay_linked && edit_tokens '.created_at -= 7200 | .refresh_token = "refused"' ;;
+    renewal) stay_linked && edit_tokens "$expired" ;;
+    rescue) stay_linked && edit_tokens "$expired" && edit_tokens "$refused" ;;
     logout) link ;;
     *) die "no flow $1" ;;
   esac
@@ -263,15 +267,15 @@ check_mode() { # check_mode PATH GROUP
   [[ $mode == '600 root '$2 ]] || finding "$1 has mode and owner $mode"
 }
 
-# A token file that was found whole need not be parsed again.
+# A token file of a shape that was found whole, whatever the tokens, need not be parsed again.
 check_tokens() {
-  local text
+  local shape
   [[ -e $tokens ]] || return 0
-  text=$(<"$tokens")
-  if [[ $text != "$whole_tokens" ]]; then
-    if jq -e '[.access_token, .id_token, .refresh_token, .created_at] | all' <<<"$text" \
+  shape=$(sed -E 's/: *"[^"\\]+"/: ""/g; s/: *[1-9][0-9]*/: 0/g' "$tokens")
+  if [[ $shape != "$whole_tokens" ]]; then
+    if jq -e '[.access_token, .id_token, .refresh_token, .created_at] | all' "$tokens" \
       >/dev/null 2>&1; then
-      whole_tokens=$text
+      whole_tokens=$shape
     else
       finding 'the token file is not whole'
     fi
@@ -320,11 +324,13 @@ check_state() {
   check_processes
 }
 
+# One program for all of them; 0 opens for reading, 6 asks for an exclusive lock without waiting.
 check_locks() {
-  local path
-  for path in "${folders[@]}" /tmp/account_*.lock; do
-    [[ ! -e $path ]] || flock --nonblock 9 9<"$path" || finding "$path is still locked"
-  done
+  local held
+  held=$(perl -e '
+    for (@ARGV) { sysopen(my $file, $_, 0) or next; flock($file, 6) or print "$_ " }' \
+    "${folders[@]}" /tmp/account_*.lock)
+  [[ -z $held ]] || finding "still locked: $held"
 }
 
 check_processes() {
