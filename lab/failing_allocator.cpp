@@ -1,5 +1,8 @@
 // Preloaded into a program: makes allocations fail, and says where.
 //
+// A crash is reported too, with the place where it happened. With the leak checker preloaded as
+// well, what leaked is looked for when main has returned.
+//
 // Counted is from the moment when all libraries are set up: the loader's allocations and those of
 // the libraries' constructors are none of the program's. The programs that it starts are left
 // alone.
@@ -17,6 +20,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -25,10 +29,12 @@
 #include <string_view>
 #include <utility>
 
+extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
+
 namespace {
 
 constexpr int kReportDescriptor = 200;  // out of the program's way
-constexpr int kMostFrames = 40;
+constexpr int kMostFrames = 100;
 constexpr mode_t kReportMode = 0600;
 
 std::atomic<bool> armed = false;
@@ -43,18 +49,50 @@ Function* Next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// What tells one way to an allocation from another, wherever the libraries were loaded: a hash
+// (FNV-1a) of the places on the stack, relative to the beginnings of their libraries.
+unsigned long HashOfStack() {
+  std::array<void*, kMostFrames> frames{};
+  const int depth = backtrace(frames.data(), kMostFrames);
+  unsigned long hash = 0xcbf29ce484222325;
+  for (int i = 0; i < depth; ++i) {
+    dl_find_object object{};
+    const bool found = _dl_find_object(frames.at(i), &object) == 0;
+    const char* base = found ? static_cast<char*>(object.dlfo_map_start) : nullptr;
+    hash = (hash ^ static_cast<unsigned long>(static_cast<char*>(frames.at(i)) - base)) *
+           0x100000001b3;
+  }
+  return hash;
+}
+
 void PrintModule(unsigned long number, void* caller) {
   Dl_info info = {};
   const char* path = dladdr(caller, &info) != 0 ? info.dli_fname : "?";
   const std::string_view name =
       std::string_view(path).substr(std::string_view(path).rfind('/') + 1);
-  dprintf(report, "%lu %.*s\n", number, static_cast<int>(name.size()), name.data());
+  dprintf(report, "%lu %.*s %lx\n", number, static_cast<int>(name.size()), name.data(),
+          HashOfStack());
 }
 
-void PrintCallers(unsigned long number, std::size_t size) {
+void PrintCallers() {
   std::array<void*, kMostFrames> frames{};
-  dprintf(report, "failed %lu of %zu bytes\n", number, size);
   backtrace_symbols_fd(frames.data(), backtrace(frames.data(), kMostFrames), report);
+}
+
+// The signal ends the program when this returns: its action was reset.
+void ReportCrash(int signal) {
+  reporting = true;
+  dprintf(report, "crashed by signal %d\n", signal);
+  PrintCallers();
+}
+
+void WatchForCrashes() {
+  struct sigaction action = {};
+  action.sa_handler = ReportCrash;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int signal : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+    sigaction(signal, &action, nullptr);
+  }
 }
 
 // False when this allocation is to fail.
@@ -69,7 +107,8 @@ bool Allowed(std::size_t size, void* caller) {
   if (first == 0) {
     PrintModule(number, caller);
   } else if (number == first) {
-    PrintCallers(number, size);
+    dprintf(report, "failed %lu of %zu bytes\n", number, size);
+    PrintCallers();
   }
   errno = fails ? ENOMEM : reason;
   reporting = false;
@@ -83,6 +122,9 @@ int RunMain(int argc, char** argv, char** environment) {
   armed = report >= 0;
   const int status = program_main(argc, argv, environment);
   armed = false;
+  if (__lsan_do_recoverable_leak_check != nullptr) {
+    __lsan_do_recoverable_leak_check();
+  }
   return status;
 }
 
@@ -107,6 +149,7 @@ __attribute__((constructor)) void Arm() {
   }
   std::array<void*, 1> frame{};
   backtrace(frame.data(), 1);  // its first call allocates
+  WatchForCrashes();
 }
 
 void* New(std::size_t size, void* caller) {

@@ -29,7 +29,7 @@ volatile=' hs_auth_key last_query_time '
 
 declare -A old_record new_record now_record
 declare -A old_file new_file
-known=0 findings=0 findings_before=0
+known_limits=0 findings=0 findings_before=0
 case_name='' well_linked='' whole_tokens='' default_job='' server_job='' ends_with_tokens=no
 
 die() {
@@ -205,6 +205,11 @@ note_end() {
 finding() {
   findings=$((findings + 1))
   printf 'FINDING  %s\n         %s\n         at: %s\n' "$case_name" "$1" "$(injected_call)"
+}
+
+known_limit() {
+  known_limits=$((known_limits + 1))
+  printf 'KNOWN    %s\n         %s\n         at: %s\n' "$case_name" "$1" "$(injected_call)"
 }
 
 # read_record ARRAY: false when a line is not of the form key="value" or is cut off.
@@ -386,8 +391,7 @@ check_again() {
   well_linked=''
   if [[ $flow == rescue && ! -e $record ]]; then return; fi # logged out, for good
   if record_outlived_logout "$flow"; then
-    known=$((known + 1))
-    printf 'KNOWN    %s\n         the record outlived the logout\n         at: %s\n' "$case_name" "$(injected_call)"
+    known_limit 'the record outlived the logout'
     rm "$record" # as the operating instructions say
   fi
   run_flow "$flow" timeout --kill-after=5 "$time_limit"
