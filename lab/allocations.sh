@@ -24,7 +24,7 @@ faults=0 out_of_memory=0 not_reached=0
 
 # The modules and functions on a stack of the report, the innermost first.
 stack_after() { # stack_after PATTERN
-  sed -nE "/^$1/,/^crashed/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" | grep -v '^liblab-alloc'
+  sed -nE "/^$1/,/^ended/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" | grep -v '^liblab-alloc'
 }
 
 injected_call() { stack_after failed | head -n 12 | paste -sd'<' | cut -c1-400; }
@@ -117,7 +117,7 @@ ended_out_of_memory() {
 # FormatString never throws: without memory for its text the process ends, in either program.
 formatting_failed() {
   local frames
-  mapfile -t frames < <(sed -nE 's/^nodelink-login\(\+(0x[0-9a-f]+)\).*/\1/p' "$work/report" | head -n 2)
+  mapfile -t frames < <(sed -nE '/^ended/,$s/^nodelink-login\(\+(0x[0-9a-f]+)\).*/\1/p' "$work/report")
   ((${#frames[@]})) &&
     [[ $(addr2line -Cfe /usr/kivo/bin/nodelink-login "${frames[@]}") == *nodelink::FormatString* ]]
 }
@@ -128,16 +128,18 @@ resolver_failed() {
   grep -q 'libc.*(getaddrinfo' "$work/report" && ((status == 124 || status == 134 || status == 139))
 }
 
-# So are crashes inside a library of the connection: libcrypto follows null pointers while it reads
-# its configuration, libcurl frees a session that it had no memory to remember once more at the end.
-library_crashed() {
-  local frame=''
-  ((status == 134 || status == 139)) || return 1
-  while read -r frame; do
-    [[ $frame == libc.so* ]] || break
-  done < <(stack_after crashed)
-  [[ $frame =~ ^lib(crypto|ssl|curl|gnutls|tasn1) ]]
+# So are crashes inside a library of the connection: libcrypto follows null pointers or waits for its
+# own lock when its configuration cannot be read, libcurl frees a session that it had no memory to
+# remember once more at the end.
+library_failed() {
+  case $status in
+    134 | 139) [[ $(ending_call) =~ ^lib(crypto|ssl|curl|gnutls|tasn1) ]] ;;
+    124) [[ $(ending_call) =~ ^libcrypto ]] ;;
+    *) return 1 ;;
+  esac
 }
+
+ending_call() { stack_after ended | grep -v -m1 '^libc\.so' || true; }
 
 # A library that libcurl links, and that is never used, tells of it when it has no memory at its start.
 forget_gnutls() { sed -i '/^Error in GnuTLS initialization: /d' "$work/err"; }
@@ -148,8 +150,8 @@ check_own_end() {
     out_of_memory=$((out_of_memory + 1))
   elif resolver_failed; then
     known_limit "the resolver ended it: status $status"
-  elif library_crashed; then
-    known_limit "$(stack_after crashed | grep -v -m1 '^libc\.so') ended it: status $status"
+  elif library_failed; then
+    known_limit "$(ending_call) ended it: status $status"
   else
     check_end "$1"
   fi

@@ -1,6 +1,6 @@
 // Preloaded into a program: makes allocations fail, and says where.
 //
-// A crash is reported too, with the place where it happened. With the leak checker preloaded as
+// A signal that ends the program is reported too, with the place that it was at. With the leak checker preloaded as
 // well, what leaked is looked for when main has returned.
 //
 // Counted is from the moment when all libraries are set up: the loader's allocations and those of
@@ -79,18 +79,19 @@ void PrintCallers() {
   backtrace_symbols_fd(frames.data(), backtrace(frames.data(), kMostFrames), report);
 }
 
-// The signal ends the program when this returns: its action was reset.
-void ReportCrash(int signal) {
+// The signal comes once more when this returns, and ends the program: its action was reset.
+void ReportEnd(int signal) {
   reporting = true;
-  dprintf(report, "crashed by signal %d\n", signal);
+  dprintf(report, "ended by signal %d\n", signal);
   PrintCallers();
+  raise(signal);
 }
 
-void WatchForCrashes() {
+void WatchForEnd() {
   struct sigaction action = {};
-  action.sa_handler = ReportCrash;
+  action.sa_handler = ReportEnd;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+  for (const int signal : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGTERM}) {
     sigaction(signal, &action, nullptr);
   }
 }
@@ -149,7 +150,7 @@ __attribute__((constructor)) void Arm() {
   }
   std::array<void*, 1> frame{};
   backtrace(frame.data(), 1);  // its first call allocates
-  WatchForCrashes();
+  WatchForEnd();
 }
 
 void* New(std::size_t size, void* caller) {
