@@ -8,8 +8,9 @@
 # nothing but the failures of a flow. nodelink-login ends in its own words, but for the formatting
 # of a text.
 
-# Without memory for a buffer of its connection a request waits for its own time-out, three times.
-time_limit=100
+# Without memory for a buffer of its connection a request waits for its own time-out of 30 s, three
+# times; the rest is for a busy machine.
+time_limit=150
 
 allocator=${LAB_ALLOCATOR?} leak_checker=${LAB_LEAK_CHECKER?}
 
