@@ -17,6 +17,7 @@
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
 #include "property.h"
+#include "support/files.h"
 
 namespace fuzz {
 namespace {
@@ -103,14 +104,14 @@ void MakeDevice() { MakeDevice(kFirstTokens); }
 void MakeDevice(const std::string& tokens) {
   fake_hos::platform().Reset();
   fake_hos::platform().exec = RunCommand;
-  WriteFile(nodelink::record::kPath, kRecord);
-  WriteFile(nodelink::kPkceLoginConfigPath, kLoginConfig);
-  WriteFile(kTokenPath, tokens);
+  test_files::Write(nodelink::record::kPath, kRecord);
+  test_files::Write(nodelink::kPkceLoginConfigPath, kLoginConfig);
+  test_files::Write(kTokenPath, tokens);
 }
 
-std::string Record() { return ReadFile(nodelink::record::kPath); }
+std::string Record() { return test_files::Read(nodelink::record::kPath); }
 
-std::string Tokens() { return ReadFile(kTokenPath); }
+std::string Tokens() { return test_files::Read(kTokenPath); }
 
 bool IsRecordOldOrGone() {
   const std::string record = Record();

@@ -10,6 +10,7 @@
 #include "kivo/crond.h"
 #include "property.h"
 #include "schedule.h"
+#include "support/files.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ void CheckJob(std::string line, const Json::Value& job) {
 }
 
 void CheckList(const Json::Value& jobs) {
-  const std::vector<std::string> lines = Lines(fuzz::ReadFile(kPath));
+  const std::vector<std::string> lines = Lines(test_files::Read(kPath));
   fuzz::Check(lines.size() == kHeaderLines + jobs.size(), "a list has one line for each job");
   for (Json::ArrayIndex i = 0; i < jobs.size(); ++i) CheckJob(lines[kHeaderLines + i], jobs[i]);
 }

@@ -3,6 +3,7 @@
 
 #include "kivo/crond.h"
 #include "property.h"
+#include "support/files.h"
 
 namespace {
 
@@ -39,14 +40,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto parts = fuzz::Parts(data, size, 2);
   const std::string& command = parts[0];
   const std::string& text = parts[1];
-  fuzz::WriteFile(kPath, text);
+  test_files::Write(kPath, text);
   if (KIVOScheduleRemove(command.c_str()) < 0) {
     fuzz::Check(command.empty(), "only no command is an error");
     return 0;
   }
-  const std::string kept = fuzz::ReadFile(kPath);
+  const std::string kept = test_files::Read(kPath);
   CheckKept(text, kept, command);
-  fuzz::Check(KIVOScheduleRemove(command.c_str()) == 0 && fuzz::ReadFile(kPath) == kept,
+  fuzz::Check(KIVOScheduleRemove(command.c_str()) == 0 && test_files::Read(kPath) == kept,
               "a second time changes nothing");
   return 0;
 }

@@ -7,6 +7,7 @@
 #include "core/zomi_exception.h"
 #include "fake_hos/fake_hos.h"
 #include "property.h"
+#include "support/files.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ void CheckConfig(const Json::Value& config) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fake_hos::platform().Reset();
   const std::string text(data, data + size);
-  fuzz::WriteFile(kPath, text);
+  test_files::Write(kPath, text);
   Json::Value raw;
   const bool readable = nodelink::json::fromString(text, raw);
   try {

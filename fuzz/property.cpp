@@ -2,8 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 namespace fuzz {
 namespace {
@@ -36,17 +34,6 @@ std::vector<std::string> Parts(const std::uint8_t* data, std::size_t size, std::
   }
   parts.back() = rest;
   return parts;
-}
-
-void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::trunc | std::ios::binary);
-  file << text << std::flush;
-  Check(file.good(), "the lab's files can be written");
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace fuzz

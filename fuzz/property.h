@@ -15,11 +15,6 @@ void Check(bool kept, const char* promise);
 // that is left.
 std::vector<std::string> Parts(const std::uint8_t* data, std::size_t size, std::size_t count);
 
-// Files of the lab. Writing and reading end the program when they fail; a file that is not there
-// reads as empty.
-void WriteFile(const std::string& path, const std::string& text);
-std::string ReadFile(const std::string& path);
-
 }  // namespace fuzz
 
 // The target: gives one input to the code under test. Returns 0.

@@ -4,6 +4,7 @@
 #include "account/user.h"
 #include "fake_hos/fake_hos.h"
 #include "property.h"
+#include "support/files.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ void CheckSame(const AccountData& data) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fake_hos::platform().Reset();
-  fuzz::WriteFile(record::kPath, std::string(data, data + size));
+  test_files::Write(record::kPath, std::string(data, data + size));
   AccountData account;
   fuzz::Check(nodelink::ReadAccountData(account) == 0, "any text reads as a record");
   CheckSame(account);

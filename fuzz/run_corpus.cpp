@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "property.h"
+#include "support/files.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ std::vector<std::filesystem::path> FilesOf(const char* folder) {
 
 void Run(const std::filesystem::path& path) {
   std::cout << path.filename().string() << std::endl;  // before the run: it may not come back
-  const std::string text = fuzz::ReadFile(path);
+  const std::string text = test_files::Read(path);
   // An exact copy on the heap, so that a sanitizer sees a read past its end.
   const std::vector<std::uint8_t> bytes(text.begin(), text.end());
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());

@@ -22,7 +22,7 @@ TEST_F(RecordBackupTest, PutsTheRecordBackByteForByte) {
   const std::string content("zomiID=\"a\"\n\0 no line end", 23);
   WriteRecord(content);
   const RecordBackup backup;
-  WriteFile(record::kPath, "something else", 0666);
+  test_files::Write(record::kPath, "something else", 0666);
   EXPECT_TRUE(backup.Restore());
   EXPECT_EQ(ReadRecord(), content);
   EXPECT_EQ(RecordProtection(), "600 0:0");

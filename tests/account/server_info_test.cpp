@@ -63,7 +63,7 @@ TEST_F(ServerInfoTest, UnreadableDefaultsGiveTheProductionHosts) {
 }
 
 TEST_F(ServerInfoTest, LiveConfigurationHasNoSwitch) {
-  WriteFile("/etc/kivoinfo.conf", "kivopkg_server=\"test\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "kivopkg_server=\"test\"\n");
   EXPECT_FALSE(servers_.IsTest());
   std::filesystem::remove("/etc/kivoinfo.conf");
 }

@@ -14,7 +14,7 @@ class ServersTest : public PlatformTest {
 
   ServersTest() { SetDefaults(""); }
 
-  static void SetDefaults(const std::string& content) { WriteFile(kDefaults, content); }
+  static void SetDefaults(const std::string& content) { test_files::Write(kDefaults, content); }
 
   // Makes the read of `key` throw, in the place of whatever may throw there.
   template <typename Exception>

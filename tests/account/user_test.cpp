@@ -308,7 +308,7 @@ TEST_F(UserWriteTest, EverythingFailedIsLoggedInItsOrder) {
 }
 
 TEST_F(UserTest, WrittenRecordBelongsToRootAlone) {
-  WriteFile(record::kPath, "zomiID=\"a\"\n", 0666);
+  test_files::Write(record::kPath, "zomiID=\"a\"\n", 0666);
   ASSERT_EQ(chown(record::kPath, 0, 0), 0);
   user_.Set(record::kZomiId, "b");
   EXPECT_EQ(RecordProtection(), "600 0:0");
@@ -318,7 +318,7 @@ TEST_F(UserTest, WrittenRecordBelongsToRootAlone) {
 }
 
 TEST_F(UserTest, RecordIsTakenBackFromAnotherOwnerEvenWhenTheWriteFails) {
-  WriteFile(record::kPath, "zomiID=\"a\"\n", 0666);
+  test_files::Write(record::kPath, "zomiID=\"a\"\n", 0666);
   if (chown(record::kPath, 1026, 100) != 0) {
     GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   }

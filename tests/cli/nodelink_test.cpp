@@ -51,7 +51,7 @@ class Capture {
 
   std::string Text() {
     (void)std::fflush(stream_);
-    return ReadFile("/proc/self/fd/" + std::to_string(file_.get()));
+    return test_files::Read("/proc/self/fd/" + std::to_string(file_.get()));
   }
 
  private:
@@ -381,7 +381,7 @@ TEST_F(NodelinkTest, FailedLogoutIsPrintedWithoutALineEndOfItsOwn) {
 
 TEST_F(NodelinkTest, LogoutWithoutAnAccountClearsTheDeviceAndPrintsNothing) {
   RemoveRecord();
-  WriteFile(kPkceLoginConfigPath, "{\"client_id\": \"login\", \"scope\": \"openid\"}");
+  test_files::Write(kPkceLoginConfigPath, "{\"client_id\": \"login\", \"scope\": \"openid\"}");
   const Outcome outcome = Nodelink({"--logout"});
   EXPECT_EQ(outcome.out, "");
   EXPECT_EQ(outcome.status, 0);

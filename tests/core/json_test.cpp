@@ -1,7 +1,5 @@
 #include "core/json.h"
 
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <limits>
@@ -20,19 +18,6 @@ using testing::Optional;
 constexpr char kFolder[] = "/tmp/json_test";
 constexpr char kFile[] = "/tmp/json_test/value.json";
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
-
-std::vector<std::string> NamesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    names.push_back(entry.path().filename());
-  }
-  return names;
-}
-
-unsigned int ModeOf(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
-}
 
 Json::Value Parsed(const std::string& text) {
   Json::Value value;
@@ -64,7 +49,7 @@ TEST_F(JsonTest, CommentsAreReadAndNotWritten) {
   const Json::Value value = Parsed("// of the server\n{\"a\": 1 /* one */}\n// the end\n");
   EXPECT_EQ(toString(value), R"({"a":1})");
   ASSERT_TRUE(toFile(value, kFile));
-  EXPECT_EQ(ReadFile(kFile), "{\n  \"a\" : 1\n}\n");
+  EXPECT_EQ(test_files::Read(kFile), "{\n  \"a\" : 1\n}\n");
 }
 
 TEST_F(JsonTest, EmptyObjectHasAText) { EXPECT_EQ(toString(Json::objectValue), "{}"); }
@@ -78,7 +63,7 @@ TEST_P(NotJsonTest, DoesNotParseAndLeavesNull) {
 }
 
 TEST_P(NotJsonTest, DoesNotParseFromAFileEither) {
-  WriteFile(kFile, GetParam().text);
+  test_files::Write(kFile, GetParam().text);
   Json::Value value("old");
   EXPECT_FALSE(fromFile(kFile, value));
   EXPECT_TRUE(value.isNull());
@@ -140,10 +125,10 @@ TEST_F(JsonTest, FolderAndFifoAreNoFilesToParse) {
 
 TEST_F(JsonTest, FileOfOneMebibyteParsesAndALargerOneDoesNot) {
   const std::string text = "\"" + std::string(kMebibyte - 2, 'x') + "\"";
-  WriteFile(kFile, text);
+  test_files::Write(kFile, text);
   Json::Value value;
   EXPECT_TRUE(fromFile(kFile, value));
-  WriteFile(kFile, text + " ");
+  test_files::Write(kFile, text + " ");
   EXPECT_FALSE(fromFile(kFile, value));
 }
 
@@ -151,27 +136,27 @@ TEST_F(JsonTest, WrittenFileIsIndentedPrivateAndReadBack) {
   Json::Value value;
   value["name"] = "Zo\xc3\xab";
   EXPECT_TRUE(toFile(value, kFile));
-  EXPECT_EQ(ReadFile(kFile), "{\n  \"name\" : \"Zo\xc3\xab\"\n}\n");
-  EXPECT_EQ(ModeOf(kFile), 0600U);
+  EXPECT_EQ(test_files::Read(kFile), "{\n  \"name\" : \"Zo\xc3\xab\"\n}\n");
+  EXPECT_EQ(test_files::ModeOf(kFile), 0600U);
   Json::Value read;
   EXPECT_TRUE(fromFile(kFile, read));
   EXPECT_EQ(read, value);
 }
 
 TEST_F(JsonTest, OpenFileIsReplacedByAPrivateOne) {
-  WriteFile(kFile, std::string(5'000, 'x'), 0666);
+  test_files::Write(kFile, std::string(5'000, 'x'), 0666);
   EXPECT_TRUE(toFile(Json::Value(1), kFile));
-  EXPECT_EQ(ReadFile(kFile), "1\n");
-  EXPECT_EQ(ModeOf(kFile), 0600U);
-  EXPECT_THAT(NamesIn(kFolder), ElementsAre("value.json"));
+  EXPECT_EQ(test_files::Read(kFile), "1\n");
+  EXPECT_EQ(test_files::ModeOf(kFile), 0600U);
+  EXPECT_THAT(test_files::NamesIn(kFolder), ElementsAre("value.json"));
 }
 
 TEST_F(JsonTest, LinkInTheFilesPlaceIsReplacedAndNotFollowed) {
   const std::string target = std::string(kFolder) + "/target";
-  WriteFile(target, "precious");
+  test_files::Write(target, "precious");
   std::filesystem::create_symlink(target, kFile);
   EXPECT_TRUE(toFile(Json::Value(1), kFile));
-  EXPECT_EQ(ReadFile(target), "precious");
+  EXPECT_EQ(test_files::Read(target), "precious");
   EXPECT_FALSE(std::filesystem::is_symlink(kFile));
 }
 
@@ -179,7 +164,7 @@ TEST_F(JsonTest, FailedWriteLeavesNothingBehind) {
   EXPECT_FALSE(toFile(Json::Value(1), "/tmp/json_test/none/value.json"));
   std::filesystem::create_directory(kFile);
   EXPECT_FALSE(toFile(Json::Value(1), kFile));
-  EXPECT_THAT(NamesIn(kFolder), ElementsAre("value.json"));
+  EXPECT_THAT(test_files::NamesIn(kFolder), ElementsAre("value.json"));
 }
 
 // One object that has a member of every type.

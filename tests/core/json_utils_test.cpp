@@ -81,7 +81,7 @@ TEST_F(JsonUtilsTest, SavesAPrivateFile) {
   value["access_token"] = "secret";
   SaveJson(kFile, value);
   Json::Value read;
-  ParseJson(ReadFile(kFile), read);
+  ParseJson(test_files::Read(kFile), read);
   EXPECT_EQ(read, value);
   struct stat status {};
   ASSERT_EQ(stat(kFile, &status), 0);

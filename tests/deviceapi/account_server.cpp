@@ -43,7 +43,7 @@ AccountServer::AccountServer(std::uint16_t port)
                 const std::lock_guard lock(mutex_);
                 return handler_(request);
               }) {
-  WriteFile(kCaBundle, authority_.certificate_pem());
+  test_files::Write(kCaBundle, authority_.certificate_pem());
 }
 
 const std::vector<std::string>& AccountServer::CertifiedNames() {

@@ -302,7 +302,7 @@ TEST_F(DefaultHostTest, AMissingRecordAsksTheAccountHostWithAnEmptyId) {
 }
 
 TEST_F(DefaultHostTest, TheTestSwitchAsksTheTestHost) {
-  WriteFile("/etc.defaults/kivoinfo.conf", "kivopkg_server=\"test\"\n");
+  test_files::Write("/etc.defaults/kivoinfo.conf", "kivopkg_server=\"test\"\n");
   Json::Value output(Json::objectValue);
   EXPECT_EQ(ZomiAccountQueryInfo(output, Refresh::kYes, Quick::kNo), 0);
   EXPECT_EQ(server_.OnlyRequest().HeaderOr("Host"), "account.test.veltrix.example");

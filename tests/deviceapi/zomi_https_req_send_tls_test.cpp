@@ -75,7 +75,7 @@ TEST_F(TlsTest, ACertificateWithoutTheHostNameIsRefused) {
 }
 
 TEST_F(TlsTest, WithoutAuthoritiesNoServerIsTrusted) {
-  WriteFile("/etc/ssl/certs/ca-certificates.crt", "");
+  test_files::Write("/etc/ssl/certs/ca-certificates.crt", "");
   EXPECT_NE(SendFailing().transfer_result, 0);
   EXPECT_THAT(server_.requests(), IsEmpty());
 }

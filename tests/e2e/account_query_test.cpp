@@ -104,14 +104,14 @@ TEST_F(AccountQuery, ManyAtOnceMakeOneRequest) {
 
 TEST_F(AccountQuery, RefusedCredentialsEndTheLink) {
   LinkDevice();
-  WriteFile("/etc/probe", "");
+  test_files::Write("/etc/probe", "");
   std::filesystem::create_directories("/usr/kivo/lib/plugin/zomi/logout");
-  WriteFile("/usr/kivo/lib/plugin/zomi/logout/10-tell", "#!/bin/sh\necho \"$1\" > /etc/probe\n",
-            0755);
+  test_files::Write("/usr/kivo/lib/plugin/zomi/logout/10-tell",
+                    "#!/bin/sh\necho \"$1\" > /etc/probe\n", 0755);
   SetState("badauth");
   ExpectFailure(Run({"--query_account"}));
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_EQ(ReadFile("/etc/probe"), "4\n");
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_EQ(test_files::Read("/etc/probe"), "4\n");
   EXPECT_THAT(Log(), ElementsAre("zomi_account_query_info Logged out Zomi due to authentication "
                                  "failure."));
 }
@@ -119,10 +119,10 @@ TEST_F(AccountQuery, RefusedCredentialsEndTheLink) {
 TEST_F(AccountQuery, RefusedCredentialsKeepTheRecordWhenThePluginsCannotBeTold) {
   LinkDevice();
   std::filesystem::create_directories("/usr/kivo/lib/plugin/zomi/logout");
-  WriteFile("/usr/kivo/lib/plugin/zomi/logout/10-tell", "#!/bin/sh\nexit 1\n", 0755);
+  test_files::Write("/usr/kivo/lib/plugin/zomi/logout/10-tell", "#!/bin/sh\nexit 1\n", 0755);
   SetState("badauth");
   ExpectFailure(Run({"--query_account"}));
-  EXPECT_TRUE(Exists(kRecord));
+  EXPECT_TRUE(test_files::Exists(kRecord));
   EXPECT_THAT(Log(), ElementsAre("zomi_account_query_info Logged out Zomi due to authentication "
                                  "failure.",
                                  "zomi_config_remove KLIBPluginAction failed, action=4"));
@@ -137,10 +137,10 @@ class AccountQueryVerdict : public AccountQuery, public testing::WithParamInterf
 
 TEST_P(AccountQueryVerdict, FailsWithTheWordsCodeAndKeepsTheRecord) {
   LinkDevice();
-  const std::string before = ReadFile(kRecord);
+  const std::string before = test_files::Read(kRecord);
   SetState(GetParam().word);
   ExpectFailure(Run({"--query_account"}));
-  EXPECT_EQ(ReadFile(kRecord), before);
+  EXPECT_EQ(test_files::Read(kRecord), before);
   EXPECT_THAT(Log(), ElementsAre(testing::AllOf(
                          HasSubstr("zomi_account_query_info Failed to query device/api/user/query"),
                          HasSubstr("code=" + std::to_string(GetParam().code)))));

@@ -7,11 +7,12 @@ namespace {
 
 TEST_F(DeviceTest, CronStartsTheReport) {
   const devcloud::Link link = LinkDevice();
-  WriteFile(kRecord,
-            ReadFile(kRecord) + "zomiID=\"" + kEmail + "\"\nreport_cron_timestring=\"* * * * *\"\n",
-            0600);
+  test_files::Write(kRecord,
+                    test_files::Read(kRecord) + "zomiID=\"" + kEmail +
+                        "\"\nreport_cron_timestring=\"* * * * *\"\n",
+                    0600);
   ASSERT_EQ(Run({"--update"}).exit_status, 0);
-  EXPECT_THAT(ReadFile(kReportJob),
+  EXPECT_THAT(test_files::Read(kReportJob),
               testing::HasSubstr("* * * * * root '/usr/kivo/bin/nodelink' '--report_info'\n"));
 
   lab::BackgroundProcess cron({"/usr/sbin/cron", "-f"});

@@ -1,32 +1,13 @@
 #include "e2e/device_test.h"
 
 #include <json/reader.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void WriteFile(const std::string& path, const std::string& content, unsigned int mode) {
-  std::ofstream file(path, std::ios::trunc | std::ios::binary);
-  file << content;
-  file.close();
-  if (!file || chmod(path.c_str(), mode) != 0) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
-
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 namespace {
 
@@ -42,7 +23,7 @@ devcloud::CloudOptions InLab() {
 }  // namespace
 
 DeviceTest::DeviceTest() : cloud_(InLab()) {
-  WriteFile("/etc/ssl/certs/ca-certificates.crt", cloud_.authority().certificate_pem());
+  test_files::Write("/etc/ssl/certs/ca-certificates.crt", cloud_.authority().certificate_pem());
   account_.email = kEmail;
   account_.full_name = "Anna Müller";
   account_.country = "CH";
@@ -57,7 +38,7 @@ DeviceTest::DeviceTest() : cloud_(InLab()) {
 
 devcloud::Link DeviceTest::LinkDevice() {
   const auto link = cloud_.store().LinkDevice(kSerial, account_.user_id);
-  WriteFile(
+  test_files::Write(
       kRecord,
       "zomiIDSerial=\"" + link.value().user_id + "\"\nhs_auth_key=\"" + link->auth_key + "\"\n",
       0600);
@@ -99,7 +80,7 @@ std::vector<std::string> DeviceTest::Log() {
 
 std::optional<std::string> DeviceTest::RecordValue(const std::string& key) {
   std::smatch match;
-  const std::string record = ReadFile(kRecord);
+  const std::string record = test_files::Read(kRecord);
   if (!std::regex_search(record, match, std::regex("(^|\n)" + key + "=\"([^\n]*)\"\n"))) {
     return std::nullopt;
   }
@@ -108,8 +89,9 @@ std::optional<std::string> DeviceTest::RecordValue(const std::string& key) {
 
 void DeviceTest::SetRecordValue(const std::string& key, const std::string& value) {
   const std::string line = key + "=\"" + value + "\"\n";
-  WriteFile(kRecord, std::regex_replace(ReadFile(kRecord), std::regex(key + "=\"[^\n]*\"\n"), line),
-            0600);
+  test_files::Write(
+      kRecord,
+      std::regex_replace(test_files::Read(kRecord), std::regex(key + "=\"[^\n]*\"\n"), line), 0600);
 }
 
 void DeviceTest::SetLastQueryAge(long seconds) {
@@ -118,12 +100,12 @@ void DeviceTest::SetLastQueryAge(long seconds) {
 
 Json::Value DeviceTest::Tokens() {
   Json::Value tokens;
-  std::istringstream(ReadFile(kTokens)) >> tokens;
+  std::istringstream(test_files::Read(kTokens)) >> tokens;
   return tokens;
 }
 
 void DeviceTest::AgeTokens(int seconds) {
   Json::Value tokens = Tokens();
   tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
-  WriteFile(kTokens, tokens.toStyledString(), 0600);
+  test_files::Write(kTokens, tokens.toStyledString(), 0600);
 }

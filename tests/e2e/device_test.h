@@ -13,6 +13,7 @@
 #include "devcloud/cloud.h"
 #include "lab/process.h"
 #include "lab/syslog_sink.h"
+#include "support/files.h"
 
 inline constexpr char kRecord[] = "/usr/kivo/etc/veltrix-account/private/user.conf";
 inline constexpr char kTokens[] = "/usr/kivo/etc/veltrix-account/private/login_token.json";
@@ -25,10 +26,6 @@ inline constexpr char kTokenPath[] = "/oauth2/v1/token";
 inline constexpr char kSerial[] = "NL00000001A";
 inline constexpr char kEmail[] = "anna@example.org";
 inline constexpr char kPassword[] = "correct horse";
-
-std::string ReadFile(const std::string& path);  // "" when missing
-void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644);
-bool Exists(const std::string& path);
 
 class DeviceTest : public testing::Test {
  protected:

@@ -170,7 +170,7 @@ class HostileAnswerTest : public HttpsFlowTest {
 
   static void ExpectLittleMemory() {
 #if !defined(__SANITIZE_ADDRESS__) && defined(NDEBUG)
-    const long peak = std::strtol(ReadFile(kPeakFile).c_str(), nullptr, 10);
+    const long peak = std::strtol(test_files::Read(kPeakFile).c_str(), nullptr, 10);
     EXPECT_GT(peak, 0);
     EXPECT_LT(peak, kMostMemory) << "KiB";
 #endif

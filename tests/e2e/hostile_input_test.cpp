@@ -19,11 +19,11 @@ class HostileInput : public DeviceTest {
   void ExpectHarmless(devcloud::FaultRule rule) {
     rule.path = kQueryPath;
     const auto id = cloud_.faults().Add(rule);
-    const std::string before = ReadFile(kRecord);
+    const std::string before = test_files::Read(kRecord);
     const auto result = Run({"--query_account"});
     EXPECT_EQ(result.out, "Query account failed");
     EXPECT_EQ(result.exit_status, 0);
-    EXPECT_EQ(ReadFile(kRecord), before);
+    EXPECT_EQ(test_files::Read(kRecord), before);
     cloud_.faults().Remove(id);
   }
 
@@ -83,11 +83,11 @@ TEST_F(HostileInput, ARedirectLoopEnds) {
 
 // A line break in a value would be a second key of the record.
 TEST_F(HostileInput, AProfileWithALineBreakChangesNothing) {
-  const std::string before = ReadFile(kRecord);
+  const std::string before = test_files::Read(kRecord);
   account_.full_name = "Anna\"\nhs_auth_key=\"stolen";
   Update(account_);
   EXPECT_EQ(Run({"--query_account"}).out, "Query account failed");
-  EXPECT_EQ(ReadFile(kRecord), before);
+  EXPECT_EQ(test_files::Read(kRecord), before);
   EXPECT_THAT(Log(), Contains(HasSubstr("user Failed to set zomi config for full_name:Anna")));
   EXPECT_THAT(Log(), Contains(HasSubstr("Failed to set user: System error [code=19]")));
 }
@@ -99,16 +99,16 @@ TEST_F(HostileInput, QuotesInAProfileComeBackAsTheyAre) {
 }
 
 TEST_F(HostileInput, ARecordOfRubbishIsReadAsFarAsItGoes) {
-  WriteFile(kRecord, std::string("\0\xff=\n=\"\n\"\"\nzomiID=\"x\n", 17) + std::string(9000, 'a'),
-            0600);
+  test_files::Write(
+      kRecord, std::string("\0\xff=\n=\"\n\"\"\nzomiID=\"x\n", 17) + std::string(9000, 'a'), 0600);
   EXPECT_EQ(Run({"--query_account", "--cache"}).signal, 0);
 }
 
 TEST_F(HostileInput, ALinkInTheLockFilesPlaceIsNotFollowed) {
-  WriteFile("/etc/victim", "as it was");
+  test_files::Write("/etc/victim", "as it was");
   std::filesystem::create_symlink("/etc/victim", "/tmp/account_query_info.lock");
   EXPECT_EQ(Run({"--query_account"}).out, "Query account failed");
-  EXPECT_EQ(ReadFile("/etc/victim"), "as it was");
+  EXPECT_EQ(test_files::Read("/etc/victim"), "as it was");
   EXPECT_THAT(Requests(), SizeIs(0));
   EXPECT_THAT(Log(), Contains("file_lock Failed to open file: /tmp/account_query_info.lock"));
 }

@@ -175,14 +175,14 @@ void MoveHost(const std::string& bad) {
   for (const std::string& host : devcloud::DefaultHosts()) {
     text += (host == bad ? kBadAddress : "127.0.0.1") + (" " + host) + "\n";
   }
-  WriteFile("/etc/hosts", text);
+  test_files::Write("/etc/hosts", text);
 }
 
 void WriteTokens(long age) {
-  WriteFile(kTokens,
-            std::string("{") + kTokenTexts + ",\"expires_in\":3600,\"created_at\":" +
-                std::to_string(std::time(nullptr) - age) + "}\n",
-            0600);
+  test_files::Write(kTokens,
+                    std::string("{") + kTokenTexts + ",\"expires_in\":3600,\"created_at\":" +
+                        std::to_string(std::time(nullptr) - age) + "}\n",
+                    0600);
 }
 
 }  // namespace
@@ -214,7 +214,7 @@ devcloud::Response BadHost::Answer() {
 
 HttpsFlowTest::HttpsFlowTest() : bad_(GetParam().host, Tls({})) {
   LinkDevice();
-  record_ = ReadFile(kRecord) + "zomiID=\"" + kEmail + "\"\nlast_query_time=\"0\"\n";
+  record_ = test_files::Read(kRecord) + "zomiID=\"" + kEmail + "\"\nlast_query_time=\"0\"\n";
   // What the identity server says to those flows that get past it.
   devcloud::FaultRule rule;
   rule.path = kTokenPath;
@@ -224,12 +224,12 @@ HttpsFlowTest::HttpsFlowTest() : bad_(GetParam().host, Tls({})) {
 }
 
 void HttpsFlowTest::Prepare() {
-  WriteFile(kRecord, record_, 0600);
+  test_files::Write(kRecord, record_, 0600);
   for (const char* path : {kTokens, kApiKeyFile, kReportJob}) {
     unlink(path);
   }
   if (GetParam().stored != Stored::kNothing) {
-    WriteFile(kApiKeyFile, "api-key-secret\n", 0600);
+    test_files::Write(kApiKeyFile, "api-key-secret\n", 0600);
   }
   if (GetParam().stored == Stored::kValidTokens) {
     WriteTokens(0);
@@ -247,8 +247,8 @@ lab::ProcessResult HttpsFlowTest::RunFlow(const std::vector<std::string>& prefix
 // Without what a browser login has stored before it comes to the request in question.
 std::string HttpsFlowTest::State() {
   const bool stores_tokens = std::string(GetParam().name) == "key_exchange";
-  return ReadFile(kRecord) + "|" + (stores_tokens ? "" : ReadFile(kTokens)) + "|" +
-         ReadFile(kApiKeyFile) + "|" + ReadFile(kReportJob);
+  return test_files::Read(kRecord) + "|" + (stores_tokens ? "" : test_files::Read(kTokens)) + "|" +
+         test_files::Read(kApiKeyFile) + "|" + test_files::Read(kReportJob);
 }
 
 void HttpsFlowTest::ExpectFailure(const lab::ProcessResult& result) {

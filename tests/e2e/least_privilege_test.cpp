@@ -159,7 +159,7 @@ class Traced : public LeastPrivilege {
                "--", "sh", "-c", "umask 0; exec \"$0\" \"$@\""});
     LiveALife();
     EndIt();
-    std::istringstream file(ReadFile(kTrace));
+    std::istringstream file(test_files::Read(kTrace));
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) {
       lines.push_back(line);
@@ -243,12 +243,12 @@ class Secrets : public LeastPrivilege {
 
   void TryAll() {
     LinkDevice();
-    WriteFile(kRecord, ReadFile(kRecord) + "zomiID=\"" + kEmail + "\"\n", 0600);
+    test_files::Write(kRecord, test_files::Read(kRecord) + "zomiID=\"" + kEmail + "\"\n", 0600);
     unlink(kApiKeyFile);
     Nodelink("--query_account");
     LogInByPassword();
     Nodelink("--report_info");
-    if (Exists(kTokens)) {
+    if (test_files::Exists(kTokens)) {
       AgeTokens(7200);
     }
     Nodelink("--logout");
@@ -307,7 +307,7 @@ class Children : public LeastPrivilege {
   }
 
   static void ExpectStreamsOnly() {
-    std::istringstream lines(ReadFile(kProbe));
+    std::istringstream lines(test_files::Read(kProbe));
     const std::regex descriptor("([0-9]+) (.*)");
     std::smatch match;
     for (std::string line; std::getline(lines, line);) {
@@ -322,7 +322,7 @@ class Children : public LeastPrivilege {
 
   // As a careless caller would start the program: with descriptors of its own open.
   void LeakDescriptors() {
-    WriteFile("/etc/callers-secret", "x", 0600);
+    test_files::Write("/etc/callers-secret", "x", 0600);
     RunBehind({"bash", "-c",
                "exec 5</etc/callers-secret 6>/etc/callers-log 77</etc/callers-secret; "
                "exec \"$0\" \"$@\""});
@@ -333,29 +333,29 @@ TEST_F(Children, GetNoDescriptors) {
   for (const char* action : {"login", "logout"}) {
     const std::string folder = std::string("/usr/kivo/lib/plugin/zomi/") + action;
     std::filesystem::create_directories(folder);
-    WriteFile(folder + "/probe-plugin", Probe(), 0755);
+    test_files::Write(folder + "/probe-plugin", Probe(), 0755);
   }
-  WriteFile("/usr/kivo/bin/kivohosnotify", Probe(), 0755);
+  test_files::Write("/usr/kivo/bin/kivohosnotify", Probe(), 0755);
   LeakDescriptors();
   LiveALife();
   EndIt();
-  EXPECT_THAT(ReadFile(kProbe), HasSubstr("login/probe-plugin 5\n"));
-  EXPECT_THAT(ReadFile(kProbe), HasSubstr("login/probe-plugin 4\n"));
-  EXPECT_THAT(ReadFile(kProbe), HasSubstr("logout/probe-plugin 4\n"));
-  EXPECT_THAT(ReadFile(kProbe), HasSubstr("kivohosnotify -e false"));
+  EXPECT_THAT(test_files::Read(kProbe), HasSubstr("login/probe-plugin 5\n"));
+  EXPECT_THAT(test_files::Read(kProbe), HasSubstr("login/probe-plugin 4\n"));
+  EXPECT_THAT(test_files::Read(kProbe), HasSubstr("logout/probe-plugin 4\n"));
+  EXPECT_THAT(test_files::Read(kProbe), HasSubstr("kivohosnotify -e false"));
   ExpectStreamsOnly();
 }
 
 TEST_F(Children, TheShellGetsNoDescriptors) {
   LeakDescriptors();
   LiveALife();
-  WriteFile("/etc/shell", Probe() + "exec /bin/bash \"$@\"\n", 0755);
+  test_files::Write("/etc/shell", Probe() + "exec /bin/bash \"$@\"\n", 0755);
   const std::string shell = std::filesystem::canonical("/bin/sh");
   ASSERT_EQ(mount("/etc/shell", shell.c_str(), nullptr, MS_BIND, nullptr), 0);
   EXPECT_EQ(Nodelink("--logout").out, "");
   ASSERT_EQ(umount(shell.c_str()), 0);
-  EXPECT_THAT(ReadFile(kProbe), HasSubstr("-c /bin/rm -f /usr/kivo/etc/"));
-  EXPECT_FALSE(Exists(kTokens));
+  EXPECT_THAT(test_files::Read(kProbe), HasSubstr("-c /bin/rm -f /usr/kivo/etc/"));
+  EXPECT_FALSE(test_files::Exists(kTokens));
   ExpectStreamsOnly();
 }
 

@@ -65,7 +65,7 @@ class ManyAtOnce : public DeviceTest {
     link_ = LinkDevice();
     ASSERT_THAT(Run({"--query_account"}).out, HasSubstr(kEmail));
     ASSERT_EQ(Run({"--report_info"}).exit_status, 0);
-    ASSERT_TRUE(Exists(kTokens));
+    ASSERT_TRUE(test_files::Exists(kTokens));
   }
 
   devcloud::Link link_;
@@ -148,11 +148,11 @@ TEST_F(ManyAtOnce, ALogoutAmongRenewalsEndsTheLink) {
   EXPECT_THAT(Log(), testing::Each(testing::Not(HasSubstr("lock"))));
   EXPECT_FALSE(cloud_.store().FindLink(kSerial).has_value());
   EXPECT_EQ(Run({"--logout"}).out, "");
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_FALSE(Exists(kTokens));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_FALSE(test_files::Exists(kTokens));
   EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").exit_status, 0);
   EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
-  EXPECT_TRUE(Exists(kTokens));
+  EXPECT_TRUE(test_files::Exists(kTokens));
 }
 
 class LockFiles : public ManyAtOnce {
@@ -181,7 +181,7 @@ class LockFiles : public ManyAtOnce {
 TEST_F(LockFiles, AnotherUsersFileServes) {
   for (const mode_t mode : {0666, 0644, 0600}) {
     unlink(kQueryLock);
-    WriteFile(kQueryLock, "", mode);
+    test_files::Write(kQueryLock, "", mode);
     if (chown(kQueryLock, 1026, 100) != 0) {
       GTEST_SKIP() << "the lab of an ordinary user has no other users";
     }
@@ -191,7 +191,7 @@ TEST_F(LockFiles, AnotherUsersFileServes) {
 }
 
 TEST_F(LockFiles, ALinkIsNotFollowed) {
-  WriteFile("/etc/victim", "as it was", 0644);
+  test_files::Write("/etc/victim", "as it was", 0644);
   for (const char* target : {"/etc/victim", "/etc/new"}) {
     for (const char* path : {kQueryLock, kReadLock}) {
       unlink(path);
@@ -201,26 +201,26 @@ TEST_F(LockFiles, ALinkIsNotFollowed) {
     EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
     EXPECT_THAT(Log(), Contains(StartsWith(kNoRenewal)));
   }
-  EXPECT_EQ(ReadFile("/etc/victim"), "as it was");
-  EXPECT_FALSE(Exists("/etc/new"));
+  EXPECT_EQ(test_files::Read("/etc/victim"), "as it was");
+  EXPECT_FALSE(test_files::Exists("/etc/new"));
 }
 
 // The locks further in: the renewal fails, and the tokens stay.
 TEST_F(LockFiles, LinksInARenewalsWayLeaveTheTokens) {
-  WriteFile("/etc/victim", "as it was", 0644);
+  test_files::Write("/etc/victim", "as it was", 0644);
   for (const char* path :
        {"/tmp/account_login_renew_token.lock", "/tmp/account_login_save_token.lock"}) {
     SCOPED_TRACE(path);
     AgeTokens(7200);
     unlink(path);
     std::filesystem::create_symlink("/etc/victim", path);
-    const std::string before = ReadFile(kTokens);
+    const std::string before = test_files::Read(kTokens);
     EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
-    EXPECT_EQ(ReadFile(kTokens), before);
+    EXPECT_EQ(test_files::Read(kTokens), before);
     EXPECT_THAT(Log(), Contains(std::string("file_lock Failed to open file: ") + path));
     unlink(path);
   }
-  EXPECT_EQ(ReadFile("/etc/victim"), "as it was");
+  EXPECT_EQ(test_files::Read("/etc/victim"), "as it was");
   // The renewal that could not be stored cost the refresh token; the auth key brings a new one.
   EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
   EXPECT_THAT(Log(), Contains("account_pkce_service Rescue hos renew pkce token by authkey"));
@@ -257,12 +257,12 @@ TEST_F(LockFiles, AFullFolderOfTheirsIsAFailure) {
   EXPECT_THAT(
       Run({"--logout"}).out,
       StartsWith("Failed to logout: Failed to lock file: /tmp/account_login_get_token.lock"));
-  EXPECT_TRUE(Exists(kRecord));
+  EXPECT_TRUE(test_files::Exists(kRecord));
 }
 
 TEST_F(LockFiles, NeedNoSpaceForData) {
   MountOnTmp("mode=1777,size=4096");
-  WriteFile("/tmp/filler", std::string(4096, 'x'));
+  test_files::Write("/tmp/filler", std::string(4096, 'x'));
   SetLastQueryAge(300);
   EXPECT_THAT(Run({"--query_account"}).out, HasSubstr(kEmail));
 }

@@ -24,10 +24,10 @@ class Module : public DeviceTest {
 TEST_F(Module, WithoutTheHttpModuleARequestIsNotSentAndTheLogSaysWhy) {
   LinkByPassword();
   std::filesystem::remove(kHttpModule);
-  const std::string record = ReadFile(kRecord);
+  const std::string record = test_files::Read(kRecord);
   EXPECT_EQ(Run({"--query_account"}).out, "Query account failed");
   EXPECT_EQ(Run({"--report_info"}).exit_status, 255);
-  EXPECT_EQ(ReadFile(kRecord), record);
+  EXPECT_EQ(test_files::Read(kRecord), record);
   EXPECT_THAT(Log(), Contains(AllOf(StartsWith("http_loader Failed to load the HTTP module: "),
                                     HasSubstr(kHttpModule))));
 }
@@ -36,7 +36,7 @@ TEST_F(Module, WithoutTheHttpModuleALogoutKeepsTheAccount) {
   LinkByPassword();
   std::filesystem::remove(kHttpModule);
   EXPECT_THAT(Run({"--logout"}).out, StartsWith("Failed to logout: "));
-  EXPECT_TRUE(Exists(kRecord));
+  EXPECT_TRUE(test_files::Exists(kRecord));
 }
 
 TEST_F(Module, OfAnotherMakeIsNotCalled) {
@@ -53,8 +53,8 @@ TEST_F(Module, WithoutTheCloudServiceModuleNoApiKeyIsRegistered) {
   const auto result = LogIn({"--password", kEmail}, kPassword + std::string("\n"));
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_THAT(result.err, StartsWith("nodelink-login: "));
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_FALSE(Exists("/usr/kivo/etc/cloudservice/api_key"));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_FALSE(test_files::Exists("/usr/kivo/etc/cloudservice/api_key"));
 }
 
 }  // namespace

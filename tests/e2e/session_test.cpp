@@ -66,10 +66,10 @@ TEST_F(Session, APasswordLoginLinksTheDevice) {
   EXPECT_EQ(RecordValue("zomiIDSerial"), link->user_id);
   EXPECT_EQ(RecordValue("hs_auth_key"), link->auth_key);
   EXPECT_EQ(RecordValue("zomiID"), kEmail);
-  EXPECT_THAT(ReadFile(kReportJob),
+  EXPECT_THAT(test_files::Read(kReportJob),
               testing::ContainsRegex("\n[0-9]+ (9|1[0-6]) \\* \\* [1-5] root "
                                      "'/usr/kivo/bin/nodelink' '--report_info'\n"));
-  EXPECT_THAT(ReadFile(kEvents), HasSubstr("0x13A00001"));
+  EXPECT_THAT(test_files::Read(kEvents), HasSubstr("0x13A00001"));
 }
 
 TEST_F(Session, AWrongPasswordChangesNothing) {
@@ -77,8 +77,8 @@ TEST_F(Session, AWrongPasswordChangesNothing) {
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "nodelink-login: Failed to auth (code 14)\n");
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_FALSE(Exists(kReportJob));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_FALSE(test_files::Exists(kReportJob));
 }
 
 TEST_F(Session, ThePasswordIsNeverLogged) {
@@ -111,12 +111,12 @@ TEST_F(Session, ThePasswordIsAskedForWithoutEcho) {
 
 TEST_F(Session, AnApiKeyThatTheServerDoesNotKnowIsRegisteredAnew) {
   LogInByPassword();
-  const std::string old_key = ReadFile(kApiKeyFile);
+  const std::string old_key = test_files::Read(kApiKeyFile);
   devcloud::Device device = cloud_.store().FindDevice(kSerial).value();
   device.api_key.reset();
   cloud_.store().PutDevice(device);
   LogInByPassword();
-  EXPECT_NE(ReadFile(kApiKeyFile), old_key);
+  EXPECT_NE(test_files::Read(kApiKeyFile), old_key);
   EXPECT_THAT(Log(), Contains("zomi_account_login ApiKey not found. Register new one."));
 }
 
@@ -127,7 +127,7 @@ TEST_F(Session, AnExpiredApiKeyIsDroppedForTheNextLogin) {
   cloud_.store().PutDevice(device);
   EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
             "nodelink-login: System error (code 27)\n");
-  EXPECT_FALSE(Exists(kApiKeyFile));
+  EXPECT_FALSE(test_files::Exists(kApiKeyFile));
   LogInByPassword();
 }
 
@@ -142,7 +142,7 @@ TEST_F(Session, ARefusedRegistrationOfAnApiKeyFailsTheLogin) {
     EXPECT_EQ(LogIn({"--password", kEmail}, std::string(kPassword) + "\n").err,
               "nodelink-login: System error (code 24)\n");
     EXPECT_THAT(Log(), Contains(EndsWith("/register: the answer holds no key")));
-    EXPECT_FALSE(Exists(kApiKeyFile));
+    EXPECT_FALSE(test_files::Exists(kApiKeyFile));
     cloud_.faults().Remove(id);
   }
 }
@@ -184,7 +184,7 @@ TEST_F(Session, TheSignInsStateIsChecked) {
       [](std::string back) { return back.replace(back.find("state=") + 6, 4, "0000"); });
   EXPECT_EQ(result.err, "nodelink-login: Wrong parameters (code 1)\n");
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_FALSE(Exists(kTokens));
+  EXPECT_FALSE(test_files::Exists(kTokens));
 }
 
 TEST_F(Session, TheBareCodeServesToo) {
@@ -201,12 +201,12 @@ TEST_F(Session, ALoginThatFailsAfterTheTokensLeavesTheRecordAsItWas) {
   rule.status = 500;
   cloud_.faults().Add(rule);
   EXPECT_EQ(LogInByBrowser().exit_status, 1);
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_TRUE(Exists(kTokens));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_TRUE(test_files::Exists(kTokens));
   const std::string old_record = "# kept\nzomiID=\"other@example.org\"\n";
-  WriteFile(kRecord, old_record, 0600);
+  test_files::Write(kRecord, old_record, 0600);
   EXPECT_EQ(LogInByBrowser().exit_status, 1);
-  EXPECT_EQ(ReadFile(kRecord), old_record);
+  EXPECT_EQ(test_files::Read(kRecord), old_record);
 }
 
 TEST_F(Session, ALoginToAnotherAccountShowsThatAccount) {
@@ -226,7 +226,7 @@ TEST_F(Session, TheReportStoresTheScheduleAndRenewsTheToken) {
   const std::string old_token = Tokens()["access_token"].asString();
   EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
   EXPECT_EQ(RecordValue("report_cron_timestring"), "30 3 * * 6");
-  EXPECT_THAT(ReadFile(kReportJob), HasSubstr("\n30 3 * * 6 root "));
+  EXPECT_THAT(test_files::Read(kReportJob), HasSubstr("\n30 3 * * 6 root "));
   EXPECT_NE(Tokens()["access_token"].asString(), old_token);
   const auto reports = Requests(kReportPath);
   ASSERT_THAT(reports, SizeIs(1));
@@ -243,14 +243,14 @@ TEST_F(Session, AnUnlinkedDeviceHasNothingToReport) {
 
 TEST_F(Session, NothingIsReportedInTheDaemonsStateTwo) {
   LogInByPassword();
-  WriteFile("/run/kivo/scemd.status", "1=\"2\"\n");
+  test_files::Write("/run/kivo/scemd.status", "1=\"2\"\n");
   EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
   EXPECT_THAT(Requests(kReportPath), IsEmpty());
 }
 
 TEST_F(Session, AScheduleFromTheServerIsOnlyEverASchedule) {
   LogInByPassword();
-  const std::string job = ReadFile(kReportJob);
+  const std::string job = test_files::Read(kReportJob);
   for (const char* schedule :
        {"* * * * * root /bin/sh -c 'echo owned' #", "@reboot", "0~99 * * * *", "* * * *",
         "* * * * %", "$(id) * * * *", "*/0 * * * *", "60 * * * *", "5~3 * * * *"}) {
@@ -258,13 +258,13 @@ TEST_F(Session, AScheduleFromTheServerIsOnlyEverASchedule) {
     account_.report_cron_timestring = schedule;
     Update(account_);
     EXPECT_EQ(Run({"--report_info"}).exit_status, 0);
-    EXPECT_EQ(ReadFile(kReportJob), job);
+    EXPECT_EQ(test_files::Read(kReportJob), job);
   }
   EXPECT_THAT(Log(), Contains("account_service Failed to add crontab for zomi"));
   account_.report_cron_timestring = "* * * * *\n* * * * * root reboot";
   Update(account_);
   EXPECT_EQ(Run({"--report_info"}).exit_status, 255);
-  EXPECT_EQ(ReadFile(kReportJob), job);
+  EXPECT_EQ(test_files::Read(kReportJob), job);
 }
 
 TEST_F(Session, ARefusedRefreshTokenIsRescuedOnce) {
@@ -299,19 +299,19 @@ TEST_F(Session, ADeviceThatTheServerUnlinkedIsLoggedOut) {
   ASSERT_EQ(LogInByBrowser().exit_status, 0);
   cloud_.store().Unlink(kSerial);
   EXPECT_EQ(Run({"--report_info"}).exit_status, 255);
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_FALSE(Exists(kTokens));
-  EXPECT_FALSE(Exists(kReportJob));
-  EXPECT_THAT(ReadFile(kNotices), HasSubstr("\"tag\":\"zomi_force_logout\""));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_FALSE(test_files::Exists(kTokens));
+  EXPECT_FALSE(test_files::Exists(kReportJob));
+  EXPECT_THAT(test_files::Read(kNotices), HasSubstr("\"tag\":\"zomi_force_logout\""));
   EXPECT_THAT(Log(), Contains("nodelink Failed to report Zomi info, code=14"));
 }
 
 TEST_F(Session, TheMigrationNoticeNeedsALinkedAccount) {
   EXPECT_EQ(Run({"--notify_logout"}).exit_status, 0);
-  EXPECT_FALSE(Exists(kNotices));
+  EXPECT_FALSE(test_files::Exists(kNotices));
   LogInByPassword();
   EXPECT_EQ(Run({"--notify_logout"}).exit_status, 0);
-  EXPECT_THAT(ReadFile(kNotices),
+  EXPECT_THAT(test_files::Read(kNotices),
               HasSubstr(R"("args":["-e","false","-c","KIVO.WEB.AdminCenter.Application",)"
                         R"("@administrators","zomi:zomi_center","zomi:notify_hs_migrated",)"));
 }
@@ -321,10 +321,10 @@ TEST_F(Session, LogoutClearsTheDeviceAndTellsTheServer) {
   const auto result = Run({"--logout"});
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.exit_status, 0);
-  EXPECT_FALSE(Exists(kRecord));
-  EXPECT_FALSE(Exists(kTokens));
+  EXPECT_FALSE(test_files::Exists(kRecord));
+  EXPECT_FALSE(test_files::Exists(kTokens));
   EXPECT_FALSE(cloud_.store().FindLink(kSerial).has_value());
-  EXPECT_THAT(ReadFile(kEvents), HasSubstr("0x13A00002"));
+  EXPECT_THAT(test_files::Read(kEvents), HasSubstr("0x13A00002"));
 }
 
 TEST_F(Session, ALogoutThatTheServerDoesNotTakeKeepsTheAccount) {
@@ -336,28 +336,28 @@ TEST_F(Session, ALogoutThatTheServerDoesNotTakeKeepsTheAccount) {
   const auto result = Run({"--logout"});
   EXPECT_THAT(result.out, testing::StartsWith("Failed to logout: Failed to logout, code=500"));
   EXPECT_EQ(result.exit_status, 0);
-  EXPECT_TRUE(Exists(kRecord));
+  EXPECT_TRUE(test_files::Exists(kRecord));
 }
 
 TEST_F(Session, UpdateRewritesTheJobAndLeavesItWhenReportsAreOff) {
   EXPECT_EQ(Run({"--update"}).exit_status, 0);
-  const std::string job = ReadFile(kReportJob);
+  const std::string job = test_files::Read(kReportJob);
   struct stat before {};
   ASSERT_EQ(stat(kReportJob, &before), 0);
   Run({"--update"});
   struct stat after {};
   ASSERT_EQ(stat(kReportJob, &after), 0);
   EXPECT_EQ(after.st_ino, before.st_ino) << "an unchanged job was rewritten";
-  WriteFile(kReportJob, job + "# by hand\n");
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
+  test_files::Write(kReportJob, job + "# by hand\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
   Run({"--update"});
-  EXPECT_EQ(ReadFile(kReportJob), job + "# by hand\n");
+  EXPECT_EQ(test_files::Read(kReportJob), job + "# by hand\n");
 }
 
 TEST_F(Session, UpdateDropsTheOlderSchedulesEntry) {
-  WriteFile("/etc/crontab", "# old\n1 2 * * * root /usr/kivo/bin/nodelink --report_info\n");
+  test_files::Write("/etc/crontab", "# old\n1 2 * * * root /usr/kivo/bin/nodelink --report_info\n");
   Run({"--update"});
-  EXPECT_EQ(ReadFile("/etc/crontab"), "# old\n");
+  EXPECT_EQ(test_files::Read("/etc/crontab"), "# old\n");
 }
 
 }  // namespace

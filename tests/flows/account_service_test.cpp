@@ -210,7 +210,7 @@ TEST_F(UpdateCrondJobTest, WithoutARecordTheDefaultScheduleIsSaved) {
 }
 
 TEST_F(UpdateCrondJobTest, WithTheReportOffOnlyTheOlderEntryGoes) {
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
   platform().crond_lists["zomi"] = "as it was";
   Update();
   EXPECT_THAT(platform().schedule_entries, IsEmpty());

@@ -112,7 +112,7 @@ struct Switch {
 class ReportJobSwitchTest : public ReportJobTest, public testing::WithParamInterface<Switch> {};
 
 TEST_P(ReportJobSwitchTest, OnlyYesSwitchesTheReportOff) {
-  WriteFile("/etc/kivoinfo.conf", GetParam().content);
+  test_files::Write("/etc/kivoinfo.conf", GetParam().content);
   EXPECT_EQ(IsReportDisabled(), GetParam().disabled);
   EXPECT_THAT(platform().calls(),
               ElementsAre(Call{"KLIBCFileCheckKeyValue",
@@ -133,7 +133,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ReportJobTest, WithoutTheSystemsFileTheReportIsOn) { EXPECT_FALSE(IsReportDisabled()); }
 
 TEST_F(ReportJobTest, ASwitchThatCannotBeReadLeavesTheReportOn) {
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
   platform().FailNext("KLIBCFileCheckKeyValue");
   EXPECT_FALSE(IsReportDisabled());
 }

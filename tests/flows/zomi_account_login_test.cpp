@@ -179,7 +179,7 @@ TEST_F(PasswordLoginTest, HostileCredentialsStaySingleValues) {
 // --- what does not undo a login -------------------------------------------------------------
 
 TEST_F(PasswordLoginTest, WithTheReportOffNoJobIsInstalled) {
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
   ExpectSuccess();
   EXPECT_EQ(platform().call_count("ConfigManager::Save"), 0U);
   EXPECT_THAT(Log(), ElementsAre(kWelcome));

@@ -106,7 +106,7 @@ TEST_F(ReportTest, WithoutALinkedAccountThereIsNothingToReport) {
 }
 
 TEST_F(ReportTest, SwitchedOffItReportsNothing) {
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"yes\"\n");
   ExpectSuccess();
   ExpectNothingSent();
 }
@@ -114,7 +114,7 @@ TEST_F(ReportTest, SwitchedOffItReportsNothing) {
 class ReportSwitchTest : public ReportTest, public testing::WithParamInterface<NamedText> {};
 
 TEST_P(ReportSwitchTest, AnyOtherValueReports) {
-  WriteFile("/etc/kivoinfo.conf", "zomi_disable_report=\"" + GetParam().text + "\"\n");
+  test_files::Write("/etc/kivoinfo.conf", "zomi_disable_report=\"" + GetParam().text + "\"\n");
   ExpectSuccess();
   EXPECT_EQ(server_.requests().size(), 1U);
 }

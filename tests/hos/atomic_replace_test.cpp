@@ -16,7 +16,7 @@
 
 #include "base/unique_fd.h"
 #include "klibc/keyvalue.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace hos_linux {
 namespace {

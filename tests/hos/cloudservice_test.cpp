@@ -7,7 +7,7 @@
 #include <string>
 
 #include "klibc/error.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

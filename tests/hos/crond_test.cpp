@@ -10,7 +10,7 @@
 
 #include "klibc/exec.h"
 #include "schedule.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

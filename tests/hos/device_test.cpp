@@ -11,7 +11,7 @@
 #include "kivo/zone.h"
 #include "klib/device.h"
 #include "klibc/szhash.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

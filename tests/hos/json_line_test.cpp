@@ -12,7 +12,7 @@
 
 #include "kivo/log.h"
 #include "kivo/sysnotify.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace hos_linux {
 namespace {

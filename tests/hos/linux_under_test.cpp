@@ -1,7 +1,7 @@
 #include <string_view>
 
 #include "platform_under_test.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace platform_under_test {
 namespace {

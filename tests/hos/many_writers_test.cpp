@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "klibc/keyvalue.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

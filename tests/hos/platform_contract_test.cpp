@@ -30,7 +30,7 @@
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
 #include "platform_under_test.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

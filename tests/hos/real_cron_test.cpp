@@ -15,7 +15,7 @@
 
 #include "base/unique_fd.h"
 #include "kivo/crond.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "base/unique_fd.h"
 #include "klib/plugin.h"
 #include "klibc/keyvalue.h"
-#include "test_files.h"
+#include "support/files.h"
 
 namespace {
 

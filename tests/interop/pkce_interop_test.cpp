@@ -6,9 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <stdexcept>
@@ -25,6 +23,7 @@
 #include "lab/syslog_sink.h"
 #include "pkce/pkce_client.h"
 #include "pkce/pkce_config.h"
+#include "support/files.h"
 #include "tools/sign_in.h"
 
 namespace interop {
@@ -47,20 +46,6 @@ constexpr char kRefusedRenewal[] =
     "Failed to renew token, refresh_token is expired or revoked, code=400, "
     "resp={\"error\":\"invalid_grant\"";
 constexpr char kUserinfo[] = "https://identity.veltrix.example/me";
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::trunc | std::ios::binary);
-  file << content;
-  file.close();
-  if (!file) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
 
 Json::Value Parse(const std::string& text) {
   Json::Value value;
@@ -96,7 +81,7 @@ Failure FailureOf(const std::function<void()>& flow) {
   return {};
 }
 
-Json::Value Tokens() { return Parse(ReadFile(kTokenFile)); }
+Json::Value Tokens() { return Parse(test_files::Read(kTokenFile)); }
 
 std::string StoredToken(const char* name) { return Tokens()[name].asString(); }
 
@@ -126,9 +111,10 @@ class PkceInteropTest : public testing::Test {
       GTEST_SKIP() << "no server to test against: " << *reason;
     }
     const auto authority = devcloud::Authority::Make("interop");
-    WriteFile("/etc/ssl/certs/ca-certificates.crt", authority.certificate_pem());
-    WriteFile("/etc/hosts",
-              "127.0.0.1 localhost identity.veltrix.example\n127.0.0.2 account.veltrix.example\n");
+    test_files::Write("/etc/ssl/certs/ca-certificates.crt", authority.certificate_pem());
+    test_files::Write(
+        "/etc/hosts",
+        "127.0.0.1 localhost identity.veltrix.example\n127.0.0.2 account.veltrix.example\n");
     account_server_.emplace(authority);
     config_ = nodelink::LoadPkceLoginConfig();
     provider_.emplace(authority, config_);
@@ -176,10 +162,10 @@ class PkceInteropTest : public testing::Test {
   // nothing.
   void ExpectRefusedRenewal(const std::string& content) {
     StoreAsExpired(content);
-    const std::string before = ReadFile(kTokenFile);
+    const std::string before = test_files::Read(kTokenFile);
     EXPECT_THAT(FailureOf([this] { (void)client_.GetAccessToken(); }),
                 FieldsAre(nodelink::kAuthFailed, StartsWith(kRefusedRenewal)));
-    EXPECT_EQ(ReadFile(kTokenFile), before);
+    EXPECT_EQ(test_files::Read(kTokenFile), before);
   }
 
   std::vector<std::string> Log() {
@@ -202,7 +188,7 @@ TEST_F(PkceInteropTest, BrowserLoginLinksTheDevice) {
   EXPECT_EQ(result.exit_status, 0) << result.err;
   EXPECT_THAT(result.out, EndsWith("Logged in as anna@example.org\n"));
   EXPECT_THAT(account_server_->BearerTokens(), ElementsAre(StoredToken("access_token")));
-  EXPECT_THAT(ReadFile(kRecord), HasSubstr("zomiID=\"anna@example.org\"\n"));
+  EXPECT_THAT(test_files::Read(kRecord), HasSubstr("zomiID=\"anna@example.org\"\n"));
 }
 
 TEST_F(PkceInteropTest, SignInAddressCarriesWhatTheServerNeeds) {
@@ -259,9 +245,9 @@ TEST_F(PkceInteropTest, ExchangeStoresTokensThatTheServerKnows) {
 
 TEST_F(PkceInteropTest, ValidTokenIsNotRenewed) {
   LogIn();
-  const std::string content = ReadFile(kTokenFile);
+  const std::string content = test_files::Read(kTokenFile);
   (void)client_.GetAccessToken();
-  EXPECT_EQ(ReadFile(kTokenFile), content);
+  EXPECT_EQ(test_files::Read(kTokenFile), content);
   EXPECT_EQ(provider_->Stop(), "granted authorization_code\n");
 }
 
@@ -270,7 +256,7 @@ TEST_F(PkceInteropTest, EachRenewalGivesNewTokens) {
   for (int renewal = 1; renewal <= 2; ++renewal) {
     SCOPED_TRACE("renewal " + std::to_string(renewal));
     const Json::Value before = Tokens();
-    StoreAsExpired(ReadFile(kTokenFile));
+    StoreAsExpired(test_files::Read(kTokenFile));
     const std::string access_token = client_.GetAccessToken();
     EXPECT_NE(access_token, before["access_token"].asString());
     EXPECT_EQ(access_token, StoredToken("access_token"));
@@ -284,12 +270,12 @@ TEST_F(PkceInteropTest, EachRenewalGivesNewTokens) {
 
 TEST_F(PkceInteropTest, WrongVerifierIsRefused) {
   LogIn();
-  const std::string content = ReadFile(kTokenFile);
+  const std::string content = test_files::Read(kTokenFile);
   const auto sign_in = nodelink_login::BeginSignIn();
   const std::string code = nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in);
   const std::string other_verifier = nodelink_login::BeginSignIn().verifier;
   ExpectRefusedExchange(code, other_verifier);
-  EXPECT_EQ(ReadFile(kTokenFile), content);
+  EXPECT_EQ(test_files::Read(kTokenFile), content);
   EXPECT_THAT(provider_->Stop(), EndsWith("refused authorization_code: invalid_grant\n"));
 }
 
@@ -304,17 +290,17 @@ TEST_F(PkceInteropTest, CodeIsGoodForOneExchange) {
   const auto sign_in = nodelink_login::BeginSignIn();
   const std::string code = nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in);
   Exchange(code, sign_in.verifier);
-  const std::string content = ReadFile(kTokenFile);
+  const std::string content = test_files::Read(kTokenFile);
   ExpectRefusedExchange(code, sign_in.verifier);
-  EXPECT_EQ(ReadFile(kTokenFile), content);
+  EXPECT_EQ(test_files::Read(kTokenFile), content);
 }
 
 TEST_F(PkceInteropTest, ReusedRefreshTokenIsRefused) {
   LogIn();
-  const std::string first = ReadFile(kTokenFile);
+  const std::string first = test_files::Read(kTokenFile);
   StoreAsExpired(first);
   (void)client_.GetAccessToken();
-  const std::string second = ReadFile(kTokenFile);
+  const std::string second = test_files::Read(kTokenFile);
   ExpectRefusedRenewal(first);
   EXPECT_THAT(Log(), Contains(StartsWith(std::string("pkce_client:136 ") + kRefusedRenewal)));
   // The server now distrusts all tokens of that sign-in.
@@ -323,7 +309,7 @@ TEST_F(PkceInteropTest, ReusedRefreshTokenIsRefused) {
 
 TEST_F(PkceInteropTest, ReportsAtTheSameTimeRenewOnce) {
   ASSERT_EQ(LogInWithTheProgram().exit_status, 0);
-  StoreAsExpired(ReadFile(kTokenFile));
+  StoreAsExpired(test_files::Read(kTokenFile));
   const std::vector<std::string> command = {"/usr/kivo/bin/nodelink", "--report_info"};
   std::array<lab::BackgroundProcess, 4> reports{
       lab::BackgroundProcess(command), lab::BackgroundProcess(command),

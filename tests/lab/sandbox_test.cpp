@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,15 +18,10 @@
 
 #include "base/unique_fd.h"
 #include "lab/process.h"
+#include "support/files.h"
 
 namespace lab {
 namespace {
-
-mode_t ModeOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777U;
-}
 
 TEST(Sandbox, SaysThatItIsTheLab) {
   ASSERT_NE(std::getenv("LAB_INSIDE"), nullptr);
@@ -35,13 +29,13 @@ TEST(Sandbox, SaysThatItIsTheLab) {
 }
 
 TEST(Sandbox, HasAnAppliancesFolders) {
-  EXPECT_EQ(ModeOf("/tmp"), 01777U);
-  EXPECT_EQ(ModeOf("/usr/kivo/etc/veltrix-account/private"), 0700U);
-  EXPECT_EQ(ModeOf("/usr/kivo/etc/cloudservice"), 0700U);
+  EXPECT_EQ(test_files::ModeOf("/tmp"), 01777U);
+  EXPECT_EQ(test_files::ModeOf("/usr/kivo/etc/veltrix-account/private"), 0700U);
+  EXPECT_EQ(test_files::ModeOf("/usr/kivo/etc/cloudservice"), 0700U);
   for (const char* folder :
        {"/etc/cron.d", "/etc/ssl/certs", "/run/kivo", "/usr/kivo/bin", "/usr/kivo/lib/plugin",
         "/usr/kivo/var", "/usr/kivo/etc.defaults/veltrix-account/config"}) {
-    EXPECT_EQ(ModeOf(folder), 0755U) << folder;
+    EXPECT_EQ(test_files::ModeOf(folder), 0755U) << folder;
   }
 }
 

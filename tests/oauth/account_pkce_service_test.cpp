@@ -208,8 +208,8 @@ class GrantTest : public AccountPkceServiceTest {
 
   // What follows the auth key in the grant's form when the configuration has this scope.
   std::string ScopesSentFor(const std::string& scope) {
-    WriteFile(session::kLoginConfigPath,
-              R"({"token_endpoint_path":"/oauth2/token","scope":")" + scope + "\"}");
+    test_files::Write(session::kLoginConfigPath,
+                      R"({"token_endpoint_path":"/oauth2/token","scope":")" + scope + "\"}");
     Grant();
     const std::string body = server_.OnlyRequest(kGrantPath).body;
     return body.substr(body.find("&scopes"));
@@ -467,7 +467,7 @@ TEST_F(AuthKeyExchangeTest, WithoutTheLoginConfigurationNothingIsSent) {
   EXPECT_EQ(Catch([&] { (void)service.ExchangeAuthKey("t"); }).code, kNoSerialNumber);
   platform().FailNext("KIVOHsinfoCloudServiceGetMacAddress");
   EXPECT_EQ(Catch([&] { (void)service.ExchangeAuthKey("t"); }).code, kNoMacAddress);
-  WriteFile(session::kLoginConfigPath, "broken");
+  test_files::Write(session::kLoginConfigPath, "broken");
   EXPECT_EQ(Catch([&] { (void)service.ExchangeAuthKey("t"); }).code, kWrongJsonFormat);
   EXPECT_THAT(server_.requests(), IsEmpty());
 }
@@ -1000,14 +1000,14 @@ TEST_F(LogoutTest, AnRmThatFailsIsNoFailure) {
 }
 
 TEST_F(LogoutTest, TheRmCommandRemovesEveryTokenFileAndNothingElse) {
-  WriteFile(std::string(session::kPrivateFolder) + "/other_token.json", "{}");
+  test_files::Write(std::string(session::kPrivateFolder) + "/other_token.json", "{}");
   platform().exec = [](const fake_hos::ExecRun& run) {
     return std::system(run.args.at(1).c_str());  // NOLINT(cert-env33-c): the flow's own command
   };
   platform().FailNext("KLIBPluginAction");
   AccountPkceServiceImpl().ClearLocalAccount();
   EXPECT_FALSE(HasTokens());
-  EXPECT_EQ(ReadFile(std::string(session::kPrivateFolder) + "/other_token.json"), "");
+  EXPECT_EQ(test_files::Read(std::string(session::kPrivateFolder) + "/other_token.json"), "");
   EXPECT_EQ(ReadRecord(), kLinkedRecord);
 }
 

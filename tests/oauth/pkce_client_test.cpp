@@ -84,7 +84,7 @@ TEST_F(PkceClientTest, LookingForATokenTakesNoLockAndAsksNobody) {
 
 TEST_F(PkceClientTest, EachClientHasItsOwnFileAndLocks) {
   const std::string path = std::string(session::kPrivateFolder) + "/other_token.json";
-  WriteFile(path, TokenFile("theirs", kNow));
+  test_files::Write(path, TokenFile("theirs", kNow));
   StoreValid();
   PkceClient other("other");
   EXPECT_EQ(other.GetAccessToken(), "theirs-access");

@@ -82,7 +82,7 @@ TEST_F(PkceConfigTest, UserDefinedHostsTakePrecedence) {
 }
 
 TEST_F(PkceConfigTest, ADeviceOnTheTestServersUsesTheirHosts) {
-  WriteFile("/etc.defaults/kivoinfo.conf", "kivopkg_server=\"test\"\n");
+  test_files::Write("/etc.defaults/kivoinfo.conf", "kivopkg_server=\"test\"\n");
   const Json::Value config = LoadPkceLoginConfig();
   EXPECT_EQ(config["login_redirect_uri"], "https://account.test.veltrix.example/login/back");
   EXPECT_EQ(config["token_endpoint"], "https://identity.test.veltrix.example/oauth2/token");
@@ -172,7 +172,7 @@ TEST_F(PkceConfigTest, WithoutAMacAddressThereIsNoConfigurationMarkersOrNot) {
 TEST_F(PkceConfigTest, TheTwoClientsHaveTheirOwnFiles) {
   EXPECT_STREQ(kPkceLoginConfigPath, session::kLoginConfigPath);
   EXPECT_STREQ(kPkceRegisterConfigPath, session::kRegisterConfigPath);
-  WriteFile(session::kRegisterConfigPath, R"({"client_id":"register-client"})");
+  test_files::Write(session::kRegisterConfigPath, R"({"client_id":"register-client"})");
   EXPECT_EQ(LoadPkceRegisterConfig()["client_id"], "register-client");
   EXPECT_EQ(LoadPkceLoginConfig()["client_id"], "login-client");
 }
@@ -191,7 +191,7 @@ class PkceConfigBrokenFileTest : public PkceConfigTest,
                                  public testing::WithParamInterface<NamedText> {};
 
 TEST_P(PkceConfigBrokenFileTest, IsWrongJson) {
-  WriteFile(kPath, GetParam().text);
+  test_files::Write(kPath, GetParam().text);
   EXPECT_EQ(Catch([] { (void)LoadPkceConfig(kPath); }), (Thrown{2, "Wrong JSON format"}));
   EXPECT_THAT(Log(), IsEmpty());
 }
@@ -206,7 +206,7 @@ TEST_F(PkceConfigTest, LoginClientIdIsTheLoginConfigurations) {
 }
 
 TEST_F(PkceConfigTest, LoginClientIdIsEmptyWhenTheFileHasNone) {
-  WriteFile(session::kLoginConfigPath, "[]");
+  test_files::Write(session::kLoginConfigPath, "[]");
   EXPECT_EQ(GetLoginClientId(), "");
 }
 

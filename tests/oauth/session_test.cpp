@@ -98,9 +98,9 @@ std::string LockName(const fake_hos::Call& call) {
 SessionTest::SessionTest() {
   UserAgentFails() = false;
   ServerConfigFails() = false;
-  WriteFile("/etc.defaults/kivoinfo.conf", "");
+  test_files::Write("/etc.defaults/kivoinfo.conf", "");
   std::filesystem::remove("/etc/kivoinfo.conf");
-  WriteFile(session::kLoginConfigPath, session::kLoginConfig);
+  test_files::Write(session::kLoginConfigPath, session::kLoginConfig);
   RemoveTokens();
   hooks().time = [this] { return now_; };
 }
@@ -142,10 +142,10 @@ void SessionTest::CutTimeLimit() {
 }
 
 void SessionTest::WriteTokens(const std::string& content) {
-  WriteFile(session::kLoginTokens, content, 0600);
+  test_files::Write(session::kLoginTokens, content, 0600);
 }
 
-std::string SessionTest::ReadTokens() { return ReadFile(session::kLoginTokens); }
+std::string SessionTest::ReadTokens() { return test_files::Read(session::kLoginTokens); }
 
 bool SessionTest::HasTokens() { return access(session::kLoginTokens, F_OK) == 0; }
 

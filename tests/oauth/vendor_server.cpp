@@ -24,7 +24,7 @@ VendorServer::VendorServer()
     : authority_(devcloud::Authority::Make("test authority")),
       server_({.port = kPort, .tls = devcloud::TlsSettings{authority_.Issue({.names = Names()})}},
               [this](const devcloud::Request& request) { return Handle(request); }) {
-  WriteFile(kCaBundle, authority_.certificate_pem());
+  test_files::Write(kCaBundle, authority_.certificate_pem());
 }
 
 void VendorServer::Answer(const std::string& path, devcloud::Response response) {

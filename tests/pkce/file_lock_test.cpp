@@ -58,11 +58,6 @@ mode_t CurrentUmask() {
   return mask;
 }
 
-mode_t ModeOf(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
-}
-
 // Time passes by pauses only.
 class FileLockTest : public PlatformTest {
  protected:
@@ -277,7 +272,7 @@ class UmaskTest : public FileLockTest, public testing::WithParamInterface<mode_t
 TEST_P(UmaskTest, FileIsOpenToEverybodyAndTheUmaskStays) {
   umask(GetParam());
   EXPECT_TRUE(lock_->Lock(kTimeout));
-  EXPECT_EQ(ModeOf(kPath), 0666U);
+  EXPECT_EQ(test_files::ModeOf(kPath), 0666U);
   EXPECT_EQ(CurrentUmask(), GetParam());
 }
 
@@ -316,10 +311,10 @@ TEST_F(FileLockTest, FileIsOpenedOnceAndNotKeptOpen) {
 }
 
 TEST_F(FileLockTest, FileThatIsThereIsLeftAsItIs) {
-  WriteFile(kPath, "content", 0600);
+  test_files::Write(kPath, "content", 0600);
   EXPECT_TRUE(lock_->Lock(kTimeout));
-  EXPECT_EQ(ReadFile(kPath), "content");
-  EXPECT_EQ(ModeOf(kPath), 0600U);
+  EXPECT_EQ(test_files::Read(kPath), "content");
+  EXPECT_EQ(test_files::ModeOf(kPath), 0600U);
 }
 
 TEST_F(FileLockTest, MissingFolderFailsAtOnce) {
@@ -350,7 +345,7 @@ TEST_F(FileLockTest, LinkIsNotFollowed) {
   const std::string target = "/tmp/file_lock_test.target";
   for (const bool exists : {false, true}) {
     if (exists) {
-      WriteFile(target, "precious");
+      test_files::Write(target, "precious");
     }
     std::filesystem::remove(kPath);
     std::filesystem::create_symlink(target, kPath);
@@ -359,7 +354,7 @@ TEST_F(FileLockTest, LinkIsNotFollowed) {
     ExpectOpenFailed();
     EXPECT_EQ(std::filesystem::exists(target), exists);
   }
-  EXPECT_EQ(ReadFile(target), "precious");
+  EXPECT_EQ(test_files::Read(target), "precious");
   std::filesystem::remove(target);
 }
 
@@ -411,7 +406,7 @@ class CreateRefusedTest : public FileLockTest, public testing::WithParamInterfac
 class AccessRefusedTest : public CreateRefusedTest {};
 
 TEST_P(AccessRefusedTest, FileThatIsThereIsOpenedWithoutCreating) {
-  WriteFile(kPath, "", 0666);
+  test_files::Write(kPath, "", 0666);
   EXPECT_TRUE(lock_->Lock(kTimeout));
   ASSERT_GE(flags_.size(), 2U);
   EXPECT_EQ(flags_[1], O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
@@ -428,7 +423,7 @@ TEST_P(AccessRefusedTest, MissingFileStaysMissing) {
 INSTANTIATE_TEST_SUITE_P(Reasons, AccessRefusedTest, testing::Values(EACCES));
 
 TEST_P(CreateRefusedTest, OtherReasonsAreFailuresAtOnce) {
-  WriteFile(kPath, "", 0666);
+  test_files::Write(kPath, "", 0666);
   EXPECT_FALSE(lock_->Lock(kTimeout));
   EXPECT_EQ(flags_.size(), 1U);
   hooks().open = nullptr;
@@ -439,7 +434,7 @@ INSTANTIATE_TEST_SUITE_P(OtherReasons, CreateRefusedTest,
                          testing::Values(EPERM, ENOSPC, EROFS, EMFILE, ELOOP));
 
 TEST_F(FileLockTest, FileOfAnotherUserInTheStickyFolderIsLocked) {
-  WriteFile(kPath, "", 0666);
+  test_files::Write(kPath, "", 0666);
   if (chown(kPath, 1026, 100) != 0) {
     GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   }
@@ -455,7 +450,7 @@ TEST_F(FileLockTest, UsersShareTheLockThatOneOfThemMade) {
     umask(077);
     return std::string(lock_->Lock(kTimeout) ? "" : "failed");
   });
-  EXPECT_EQ(ModeOf(kPath), 0666U);
+  EXPECT_EQ(test_files::ModeOf(kPath), 0666U);
   EXPECT_TRUE(lock_->Lock(kTimeout));
 }
 

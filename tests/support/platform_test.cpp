@@ -1,12 +1,9 @@
 #include "support/platform_test.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "account/record_keys.h"
@@ -67,25 +64,11 @@ std::vector<std::string> PlatformTest::LogWithPriorities() {
 }
 
 void PlatformTest::WriteRecord(const std::string& content) {
-  WriteFile(nodelink::record::kPath, content, 0600);
+  test_files::Write(nodelink::record::kPath, content, 0600);
 }
 
-std::string PlatformTest::ReadRecord() { return ReadFile(nodelink::record::kPath); }
+std::string PlatformTest::ReadRecord() { return test_files::Read(nodelink::record::kPath); }
 
 bool PlatformTest::HasRecord() { return access(nodelink::record::kPath, F_OK) == 0; }
 
 void PlatformTest::RemoveRecord() { std::filesystem::remove(nodelink::record::kPath); }
-
-void WriteFile(const std::string& path, const std::string& content, unsigned int mode) {
-  std::ofstream file(path, std::ios::trunc | std::ios::binary);
-  file << content;
-  file.close();
-  if (!file || chmod(path.c_str(), mode) != 0) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}

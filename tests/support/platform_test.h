@@ -10,6 +10,7 @@
 
 #include "fake_hos/fake_hos.h"
 #include "lab/syslog_sink.h"
+#include "support/files.h"
 #include "support/interpose.h"
 
 class PlatformTest : public testing::Test {
@@ -41,7 +42,3 @@ class PlatformTest : public testing::Test {
  private:
   lab::SyslogSink sink_;
 };
-
-// Any file, for tests that look at or make one.
-void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644);
-std::string ReadFile(const std::string& path);

@@ -9,7 +9,8 @@
 
 namespace test_files {
 
-// Makes `path` (and its folders) with this content and mode, or fails the test.
+// Makes `path` (and its folders) with this content and mode. Throws std::runtime_error when it
+// cannot.
 void Write(const std::string& path, std::string_view text, mode_t mode = 0644);
 
 // The content of `path`; "" when it is missing.
@@ -19,6 +20,7 @@ bool Exists(const std::string& path);
 void Remove(const std::string& path);  // whatever it is, with everything in it
 void MakeFolder(const std::string& path, mode_t mode = 0755);
 
+// Of a file that is there.
 mode_t ModeOf(const std::string& path);  // permission bits
 ino_t InodeOf(const std::string& path);
 

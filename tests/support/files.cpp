@@ -1,28 +1,41 @@
-#include "test_files.h"
+#include "support/files.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 
 namespace test_files {
 namespace {
 
 struct stat StatOf(const std::string& path) {
   struct stat info = {};
-  EXPECT_EQ(lstat(path.c_str(), &info), 0) << path;
+  if (lstat(path.c_str(), &info) != 0) {
+    throw std::runtime_error("there is no " + path);
+  }
   return info;
+}
+
+void SetMode(const std::string& path, mode_t mode) {
+  if (chmod(path.c_str(), mode) != 0) {
+    throw std::runtime_error("cannot change the mode of " + path);
+  }
 }
 
 }  // namespace
 
 void Write(const std::string& path, std::string_view text, mode_t mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) {
+    throw std::runtime_error("cannot write " + path);
+  }
+  SetMode(path, mode);
 }
 
 std::string Read(const std::string& path) {
@@ -38,7 +51,7 @@ void Remove(const std::string& path) { std::filesystem::remove_all(path); }
 
 void MakeFolder(const std::string& path, mode_t mode) {
   std::filesystem::create_directories(path);
-  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+  SetMode(path, mode);
 }
 
 mode_t ModeOf(const std::string& path) { return StatOf(path).st_mode & 07777; }
