@@ -44,32 +44,38 @@ bool IsInTable(const std::string& zone) {
   return file.text.starts_with("TZif");
 }
 
-// The C library reads a zone only as the process's own, so it becomes that for a moment.
+// The C library reads a zone only as the process's own, so it becomes that for a moment. The
+// variable is a string of ours meanwhile: setenv would make one that is lost when memory runs out.
 class ProcessZone {
  public:
-  explicit ProcessZone(const std::string& zone) {
-    if (const char* old = std::getenv(kZoneVariable)) old_ = old;
-    Set((":" + std::string(kZoneTable) + zone).c_str());
+  explicit ProcessZone(const std::string& zone)
+      : old_(std::getenv(kZoneVariable)),
+        own_(std::string(kZoneVariable) + "=:" + std::string(kZoneTable) + zone),
+        set_(putenv(own_.data()) == 0) {
+    tzset();
   }
   ProcessZone(const ProcessZone&) = delete;
   ProcessZone& operator=(const ProcessZone&) = delete;
-  ~ProcessZone() { Set(old_ ? old_->c_str() : nullptr); }
-
- private:
-  static void Set(const char* zone) {
-    if (zone == nullptr) {
+  ~ProcessZone() {
+    if (old_ == nullptr) {
       unsetenv(kZoneVariable);
     } else {
-      setenv(kZoneVariable, zone, 1);
+      putenv(old_ - std::string_view(kZoneVariable).size() - 1);  // the string that was there
     }
     tzset();
   }
 
-  std::optional<std::string> old_;
+  bool set() const { return set_; }
+
+ private:
+  char* old_;
+  std::string own_;
+  bool set_;
 };
 
-std::string UtcOffset(const std::string& zone) {
+std::optional<std::string> UtcOffset(const std::string& zone) {
   const ProcessZone process_zone(zone);
+  if (!process_zone.set()) return std::nullopt;
   const std::time_t now = std::time(nullptr);
   std::tm local = {};
   localtime_r(&now, &local);
@@ -87,8 +93,10 @@ int GetZone(char* buffer, int size, int* needed) {
 
 int GetInfo(const std::string& zone, KLIBCSZHASH* info) {
   if (!IsInTable(zone)) return Fail(kNotFound);
+  const std::optional<std::string> offset = UtcOffset(zone);
+  if (!offset) return Fail(kInternal);
   if (KLIBCSzHashSetValue(info, "nameInTZDB", zone.c_str()) < 0) return -1;
-  if (KLIBCSzHashSetValue(info, "utcOffset", UtcOffset(zone).c_str()) < 0) return -1;
+  if (KLIBCSzHashSetValue(info, "utcOffset", offset->c_str()) < 0) return -1;
   return 2;
 }
 
