@@ -25,7 +25,7 @@ faults=0 out_of_memory=0 not_reached=0
 
 # The modules and functions on a stack of the report, the innermost first.
 stack_after() { # stack_after PATTERN
-  sed -nE "/^$1/,/^ended/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" | grep -v '^liblab-alloc'
+  sed -nE "/^$1/,/^ended/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" | grep -vE '^lib(lab-alloc|lsan)'
 }
 
 injected_call() { stack_after failed | head -n 12 | paste -sd'<' | cut -c1-400; }
@@ -37,7 +37,7 @@ output_failed() { false; }
 disturbed() { # disturbed FIRST LAST: sets `wrapper`
   wrapper=(env "LD_PRELOAD=$allocator:$leak_checker" "LAB_ALLOCATION_REPORT=$work/report"
     "LAB_ALLOCATION_FIRST=$1" "LAB_ALLOCATION_LAST=$2"
-    "LSAN_OPTIONS=leak_check_at_exit=0:handle_segv=0:handle_abort=0:log_path=$work/leaks")
+    "LSAN_OPTIONS=leak_check_at_exit=0:abort_on_error=1:handle_segv=0:handle_abort=0:log_path=$work/leaks")
 }
 
 survey() {
