@@ -25,7 +25,8 @@ faults=0 out_of_memory=0 not_reached=0
 
 # The modules and functions on a stack of the report, the innermost first.
 stack_after() { # stack_after PATTERN
-  sed -nE "/^$1/,/^ended/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" | grep -vE '^lib(lab-alloc|lsan)'
+  sed -nE "/^$1/,/^ended/"'s/^.*\/([^/(]+)\(([^+)]*).*/\1 \2/p' "$work/report" |
+    grep -vE '^lib(lab-alloc|lsan)'
 }
 
 injected_call() { stack_after failed | head -n 12 | paste -sd'<' | cut -c1-400; }
@@ -51,10 +52,11 @@ survey() {
   note_end "$flow"
 }
 
-# What leaks of a library is its own fault where only it can hold it: none of the programs' code holds the
-# crypto library's blocks.
+# The crypto library's blocks are its own to free: the programs hold none of them.
 is_of_crypto_library() {
-  awk '/^ *#1 / && !/lib(crypto|ssl)\.so/ { other = 1 } END { exit other }' "$1"
+  awk '/^(Direct|Indirect) leak/ { leaks++ }
+    /^ *#1 .*lib(crypto|ssl)\.so/ { own++ }
+    END { exit !(leaks && own == leaks) }' "$1"
 }
 
 # Blocks that only refer to each other, all of a library's own, are a known limit: when libcurl has no

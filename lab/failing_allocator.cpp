@@ -1,7 +1,7 @@
 // Preloaded into a program: makes allocations fail, and says where.
 //
-// A signal that ends the program is reported too, with the place that it was at. With the leak checker preloaded as
-// well, what leaked is looked for when main has returned.
+// A signal that ends the program is reported too, with the place that it was at. With the leak
+// checker preloaded as well, what leaked is looked for when main has returned.
 //
 // Counted is from the moment when all libraries are set up: the loader's allocations and those of
 // the libraries' constructors are none of the program's. The programs that it starts are left
