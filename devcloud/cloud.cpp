@@ -65,6 +65,7 @@ class Cloud::Impl {
   [[nodiscard]] HttpsServer& control() { return *control_server_; }
   [[nodiscard]] Store& store() { return store_; }
   [[nodiscard]] FaultBook& faults() { return faults_; }
+  [[nodiscard]] HeldAnswers& held() { return held_; }
   [[nodiscard]] RequestLog& log() { return log_; }
   [[nodiscard]] Clients& clients() { return clients_; }
   [[nodiscard]] TokenStore& tokens() { return tokens_; }
@@ -83,6 +84,7 @@ class Cloud::Impl {
   Database database_;
   Store store_;
   FaultBook faults_;
+  HeldAnswers held_;
   RequestLog log_;
   Clients clients_;
   TokenStore tokens_;
@@ -146,6 +148,7 @@ ServerOptions Cloud::Impl::ControlServerOptions() const {
 
 void Cloud::Impl::Stop() {
   log_.Close();
+  held_.Close();
   if (server_) server_->Stop();
   if (control_server_) control_server_->Stop();
 }
@@ -175,6 +178,7 @@ Response Cloud::Impl::Answer(const Request& request) {
                  .status = response.status,
                  .answer = response.body};
   if (rule) entry.fault = rule->id;
+  if (rule && rule->hold) response.fault.hold = held_.Hold(request);
   log_.Add(entry);
   return response;
 }
@@ -194,6 +198,8 @@ HttpsServer& Cloud::control() { return impl_->control(); }
 Store& Cloud::store() { return impl_->store(); }
 
 FaultBook& Cloud::faults() { return impl_->faults(); }
+
+HeldAnswers& Cloud::held() { return impl_->held(); }
 
 RequestLog& Cloud::log() { return impl_->log(); }
 

@@ -16,6 +16,7 @@
 #include "devcloud/clients.h"
 #include "devcloud/device_api.h"
 #include "devcloud/faults.h"
+#include "devcloud/held_answers.h"
 #include "devcloud/https_server.h"
 #include "devcloud/request_log.h"
 #include "devcloud/store.h"
@@ -54,6 +55,7 @@ class Cloud {
   [[nodiscard]] HttpsServer& control();
   [[nodiscard]] Store& store();
   [[nodiscard]] FaultBook& faults();
+  [[nodiscard]] HeldAnswers& held();
   [[nodiscard]] RequestLog& log();
   [[nodiscard]] Clients& clients();
   [[nodiscard]] TokenStore& tokens();

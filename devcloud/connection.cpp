@@ -113,6 +113,16 @@ bool Connection::Pause(milliseconds duration) const {
   }
 }
 
+bool Connection::WaitFor(const Event& event) const {
+  for (;;) {
+    std::array<pollfd, 3> watched{
+        {{event.fd(), POLLIN, 0}, {stop_fd_, POLLIN, 0}, {socket_.get(), POLLRDHUP, 0}}};
+    const int ready = ::poll(watched.data(), watched.size(), -1);
+    if (ready < 0 && errno == EINTR) continue;
+    return ready > 0 && watched[0].revents != 0;
+  }
+}
+
 void Connection::CloseGently() {
   if (ssl_ != nullptr) {
     ERR_clear_error();

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "base/unique_fd.h"
+#include "devcloud/event.h"
 #include "devcloud/openssl_handles.h"
 
 namespace devcloud {
@@ -29,6 +30,9 @@ class Connection {
 
   // Waits; false when the server stops or the peer goes away meanwhile.
   [[nodiscard]] bool Pause(std::chrono::milliseconds duration) const;
+
+  // Waits for as long as it takes; false when the server stops or the peer goes away meanwhile.
+  [[nodiscard]] bool WaitFor(const Event& event) const;
 
   // Says goodbye, then takes in (and drops) what the peer still sends, within limits: closing over
   // unread bytes would reset the connection and destroy the answer on its way.

@@ -44,6 +44,11 @@ std::int64_t QueryNumber(const Form& query, const std::string& name) {
   return text == nullptr ? 0 : ToNumber(*text, name);
 }
 
+// How long the client wants to wait for something to list.
+std::chrono::seconds WaitTime(const Form& query) {
+  return std::chrono::seconds(std::min(QueryNumber(query, "wait"), kLongestWaitSeconds));
+}
+
 Form ReadQuery(const Request& request) {
   std::optional<Form> query = Form::Parse(request.query);
   if (!query) throw BadInput("the query does not parse");
@@ -95,6 +100,14 @@ Json::Value ToJson(const LogEntry& entry) {
     pair.append(header.value);
     headers.append(pair);
   }
+  return json;
+}
+
+Json::Value ToJson(const HeldAnswer& held) {
+  Json::Value json(Json::objectValue);
+  json["id"] = Json::Int64{held.id};
+  json["method"] = held.method;
+  json["path"] = held.path;
   return json;
 }
 
@@ -204,6 +217,9 @@ void Control::AddServerRoutes() {
   Add("POST", "/v1/faults", &Control::AddFault);
   Add("DELETE", "/v1/faults", &Control::ClearFaults);
   Add("DELETE", "/v1/faults/*", &Control::RemoveFault);
+  Add("GET", "/v1/held", &Control::ListHeld);
+  Add("DELETE", "/v1/held", &Control::ReleaseAllHeld);
+  Add("DELETE", "/v1/held/*", &Control::ReleaseHeld);
   Add("GET", "/v1/requests", &Control::ListRequests);
   Add("DELETE", "/v1/requests", &Control::ClearRequests);
   Add("GET", "/v1/tls", &Control::ShowTls);
@@ -381,11 +397,24 @@ Response Control::ClearFaults(const Request& /*request*/, const Parameters& /*pa
   return Done();
 }
 
+Response Control::ListHeld(const Request& request, const Parameters& /*parameters*/) {
+  return ListResponse(cloud_.held().WaitAndList(WaitTime(ReadQuery(request))));
+}
+
+Response Control::ReleaseHeld(const Request& /*request*/, const Parameters& parameters) {
+  if (!cloud_.held().Release(ToNumber(parameters.at(0), "id"))) throw NotFound("not held");
+  return Done();
+}
+
+Response Control::ReleaseAllHeld(const Request& /*request*/, const Parameters& /*parameters*/) {
+  cloud_.held().ReleaseAll();
+  return Done();
+}
+
 Response Control::ListRequests(const Request& request, const Parameters& /*parameters*/) {
   const Form query = ReadQuery(request);
-  const std::int64_t wait = std::min(QueryNumber(query, "wait"), kLongestWaitSeconds);
-  return ListResponse(cloud_.log().WaitAndRead(QueryNumber(query, "after"), query.Get("path"),
-                                               std::chrono::seconds(wait)));
+  return ListResponse(
+      cloud_.log().WaitAndRead(QueryNumber(query, "after"), query.Get("path"), WaitTime(query)));
 }
 
 Response Control::ClearRequests(const Request& /*request*/, const Parameters& /*parameters*/) {

@@ -49,6 +49,10 @@ class Control {
   [[nodiscard]] Response RemoveFault(const Request& request, const Parameters& parameters);
   [[nodiscard]] Response ClearFaults(const Request& request, const Parameters& parameters);
 
+  [[nodiscard]] Response ListHeld(const Request& request, const Parameters& parameters);
+  [[nodiscard]] Response ReleaseHeld(const Request& request, const Parameters& parameters);
+  [[nodiscard]] Response ReleaseAllHeld(const Request& request, const Parameters& parameters);
+
   [[nodiscard]] Response ListRequests(const Request& request, const Parameters& parameters);
   [[nodiscard]] Response ClearRequests(const Request& request, const Parameters& parameters);
 

@@ -132,6 +132,7 @@ Json::Value ToJson(const FaultRule& rule) {
   json["status"] = rule.status ? Json::Value(*rule.status) : Json::Value();
   json["headers"] = HeadersToJson(rule.headers);
   json["body"] = rule.body;
+  json["hold"] = rule.hold;
   json["delay_ms"] = Json::Int64{rule.fault.delay.count()};
   json["delivery"] = DeliveryName(rule.fault.delivery);
   json["slow_bytes"] = Json::UInt64{rule.fault.slow_bytes};
@@ -151,6 +152,7 @@ FaultRule FaultRuleFromJson(const std::string& text) {
   }
   rule.headers = HeadersFromJson(fields.Raw("headers"));
   rule.body = BodyFromJson(fields.Raw("body"));
+  fields.Flag("hold", rule.hold);
   rule.fault = ReadFault(fields);
   fields.Finish();
   if (rule.path != "*" && rule.path.substr(0, 1) != "/") {

@@ -25,6 +25,7 @@ struct FaultRule {
   std::optional<int> status = {};
   std::vector<Header> headers = {};
   std::string body = {};
+  bool hold = false;  // the answer waits until it is released (devcloud/held_answers.h)
   Fault fault = {};
 };
 

@@ -6,9 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "devcloud/event.h"
 
 namespace devcloud {
 
@@ -50,6 +53,7 @@ enum class Delivery {
 };
 
 struct Fault {
+  std::shared_ptr<const Event> hold = {};  // nothing is sent before it; ends when the server stops
   std::chrono::milliseconds delay{0};  // before the first byte; ends early when the server stops
   Delivery delivery = Delivery::kWhole;
   std::size_t slow_bytes = 1;

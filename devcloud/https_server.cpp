@@ -4,7 +4,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -19,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "devcloud/event.h"
 #include "devcloud/listener.h"
 #include "devcloud/response_writer.h"
 
@@ -64,12 +64,6 @@ Response ErrorFor(ReadOutcome outcome) {
   return {.status = 400};
 }
 
-base::UniqueFd MakeStopEvent() {
-  base::UniqueFd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!event) throw std::system_error(errno, std::generic_category(), "eventfd");
-  return event;
-}
-
 }  // namespace
 
 class HttpsServer::Impl {
@@ -111,7 +105,7 @@ class HttpsServer::Impl {
 
   ServerOptions options_;
   Handler handler_;
-  base::UniqueFd stop_event_;
+  Event stop_event_;
   base::UniqueFd listener_;
   std::uint16_t port_;
 
@@ -129,7 +123,6 @@ class HttpsServer::Impl {
 HttpsServer::Impl::Impl(ServerOptions options, Handler handler)
     : options_(std::move(options)),
       handler_(std::move(handler)),
-      stop_event_(MakeStopEvent()),
       listener_(Listen(options_.address, options_.port)),
       port_(BoundPort(listener_.get())) {
   if (options_.tls) SetTls(*options_.tls);
@@ -139,9 +132,7 @@ HttpsServer::Impl::Impl(ServerOptions options, Handler handler)
 
 void HttpsServer::Impl::Stop() {
   if (!acceptor_.joinable()) return;
-  const std::uint64_t one = 1;
-  // An event counter takes a small number at once; nothing to handle.
-  (void)!::write(stop_event_.get(), &one, sizeof one);
+  stop_event_.Signal();
   acceptor_.join();
   for (Worker& worker : workers_) worker.thread.join();
   workers_.clear();
@@ -177,7 +168,7 @@ std::size_t HttpsServer::Impl::failed_handshakes() const {
 
 bool HttpsServer::Impl::WaitForPeer() const {
   for (;;) {
-    std::array<pollfd, 2> watched{{{stop_event_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> watched{{{stop_event_.fd(), POLLIN, 0}, {listener_.get(), POLLIN, 0}}};
     const int ready = ::poll(watched.data(), watched.size(), -1);
     if (ready < 0 && errno == EINTR) continue;
     return ready > 0 && watched[0].revents == 0;
@@ -187,7 +178,7 @@ bool HttpsServer::Impl::WaitForPeer() const {
 // Out of descriptors, most likely: the waiting peer would wake us again at once.
 void HttpsServer::Impl::BackOff() const {
   constexpr int kMilliseconds = 20;
-  pollfd stop{stop_event_.get(), POLLIN, 0};
+  pollfd stop{stop_event_.fd(), POLLIN, 0};
   (void)::poll(&stop, 1, kMilliseconds);
 }
 
@@ -231,7 +222,7 @@ void HttpsServer::Impl::ReapWorkers() {
 void HttpsServer::Impl::Serve(base::UniqueFd socket) {
   const int on = 1;
   (void)::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  Connection connection(std::move(socket), stop_event_.get(), options_.idle_timeout);
+  Connection connection(std::move(socket), stop_event_.fd(), options_.idle_timeout);
   if (!options_.tls || StartTls(connection)) Converse(connection);
 }
 

@@ -72,6 +72,7 @@ AfterAnswer SendSlowly(Connection& connection, const std::string& head, const Re
 
 AfterAnswer SendResponse(Connection& connection, const Request& request, const Response& response,
                          KeepAlive keep_alive) {
+  if (response.fault.hold && !connection.WaitFor(*response.fault.hold)) return AfterAnswer::kCut;
   if (!connection.Pause(response.fault.delay)) return AfterAnswer::kCut;
   if (response.fault.delivery == Delivery::kRaw) {
     return SendWhole(connection, "", response.body, KeepAlive::kNo);

@@ -15,7 +15,7 @@ enum class AfterAnswer {
 
 enum class KeepAlive { kNo, kYes };
 
-// Sends the answer to `request`, with its delay and delivery.
+// Sends the answer to `request`, with its hold, delay and delivery.
 [[nodiscard]] AfterAnswer SendResponse(Connection& connection, const Request& request,
                                        const Response& response, KeepAlive keep_alive);
 

@@ -1,8 +1,10 @@
 #include "devcloud/control.h"
 
 #include <future>
+#include <thread>
 
 #include "cloud_fixture.h"
+#include "lab/process.h"
 
 namespace devcloud_test {
 namespace {
@@ -81,6 +83,58 @@ TEST_F(ControlTest, FaultsCanBeSetAndCleared) {
   EXPECT_EQ(Call("DELETE", "/v1/faults/1").status, 404);
   EXPECT_EQ(Call("DELETE", "/v1/faults/one").status, 400);
   EXPECT_EQ(Call("DELETE", "/v1/faults").status, 204);
+}
+
+// A client whose answer is held, on a thread of its own.
+class HeldClient {
+ public:
+  HeldClient(const std::string& authority, const std::string& url)
+      : answer_(std::async(std::launch::async, [authority, url] {
+          return HttpClient(authority).Send({.url = url, .method = "GET"});
+        })) {}
+
+  bool HasAnswer() { return answer_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+  ClientAnswer Answer() { return answer_.get(); }
+
+ private:
+  std::future<ClientAnswer> answer_;
+};
+
+TEST_F(ControlTest, AnswersCanBeHeldAndReleased) {
+  const std::string& authority = cloud_.authority().certificate_pem();
+  EXPECT_EQ(Parse(Call("GET", "/v1/held")).size(), 0U);
+  Call("POST", "/v1/faults", R"({"path":"/held","hold":true,"status":200,"body":"late"})");
+  HeldClient first(authority, Url("/held"));
+  const Json::Value held = Parse(Call("GET", "/v1/held?wait=20"));
+  ASSERT_EQ(held.size(), 1U);
+  EXPECT_EQ(held[0]["path"], "/held");
+  EXPECT_EQ(held[0]["method"], "GET");
+  EXPECT_EQ(client_.Send({.url = Url("/other")}).status, 404) << "others go on";
+  EXPECT_FALSE(first.HasAnswer());
+  EXPECT_EQ(Call("DELETE", "/v1/held/" + held[0]["id"].asString()).status, 204);
+  EXPECT_EQ(first.Answer().body, "late");
+  EXPECT_EQ(Call("DELETE", "/v1/held/" + held[0]["id"].asString()).status, 404);
+  HeldClient second(authority, Url("/held"));
+  EXPECT_EQ(Parse(Call("GET", "/v1/held?wait=20")).size(), 1U);
+  EXPECT_EQ(Call("DELETE", "/v1/held").status, 204);
+  EXPECT_EQ(second.Answer().status, 200);
+}
+
+TEST_F(ControlTest, AnAnswerWhoseClientIsGoneIsNotHeld) {
+  Call("POST", "/v1/faults", R"({"path":"/held","hold":true,"status":200})");
+  lab::BackgroundProcess client({"curl", "--silent", "--insecure", Url("/held")});
+  ASSERT_EQ(cloud_.held().WaitAndList(std::chrono::seconds(20)).size(), 1U);
+  (void)client.Terminate();
+  while (!cloud_.held().List().empty()) std::this_thread::yield();
+}
+
+TEST_F(ControlTest, StoppingEndsTheHolding) {
+  Call("POST", "/v1/faults", R"({"path":"/held","hold":true,"status":200})");
+  HeldClient client(cloud_.authority().certificate_pem(), Url("/held"));
+  ASSERT_EQ(cloud_.held().WaitAndList(std::chrono::seconds(20)).size(), 1U);
+  cloud_.Stop();
+  EXPECT_NE(client.Answer().result, CURLE_OK);
+  EXPECT_TRUE(cloud_.held().WaitAndList(std::chrono::hours(1)).empty()) << "waits no more";
 }
 
 TEST_F(ControlTest, RequestsCanBeReadWaitedForAndCleared) {
