@@ -22,12 +22,18 @@ namespace base {
 namespace {
 
 constexpr mode_t kPrivateMode = 0600;
-constexpr std::chrono::seconds kLockLimit{30};
 constexpr long kFirstPause = 500'000;       // nanoseconds
 constexpr long kLongestPause = 20'000'000;  // nanoseconds
 
-// A dot name: cron, run-parts and the like do not take it for a file of theirs.
-std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }
+// Between a dot and this stands the name of the file that is to be replaced. A dot name: cron,
+// run-parts and the like do not take it for a file of theirs.
+constexpr std::string_view kTemporaryMark = ".tmp-";
+
+// The name of the file that the temporary file `name` was to replace; empty when it is none.
+std::string_view ReplacedBy(std::string_view name) {
+  const std::size_t mark = name.rfind(kTemporaryMark);
+  return name.starts_with('.') && mark != name.npos && mark > 0 ? name.substr(1, mark - 1) : "";
+}
 
 std::optional<std::string> TemporaryName(const std::string& name) {
   std::uint64_t number = 0;
@@ -114,11 +120,11 @@ std::vector<std::string> NamesIn(int folder) {
   return names;
 }
 
-// While the folder is locked, nobody can be at them.
-void RemoveLeftovers(int folder, const std::string& name) {
-  const std::string prefix = TemporaryPrefix(name);
+template <typename Belongs>
+void RemoveTemporaryFiles(int folder, Belongs belongs) {
   for (const std::string& entry : NamesIn(folder)) {
-    if (entry.starts_with(prefix)) {
+    const std::string_view replaced = ReplacedBy(entry);
+    if (!replaced.empty() && belongs(replaced)) {
       unlinkat(folder, entry.c_str(), 0);
     }
   }
@@ -137,8 +143,8 @@ bool WriteAll(int fd, std::string_view content) {
   return true;
 }
 
-bool LockWithinLimit(int fd) {
-  const auto deadline = std::chrono::steady_clock::now() + kLockLimit;
+bool LockWithinLimit(int fd, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   for (long pause = kFirstPause; flock(fd, LOCK_EX | LOCK_NB) != 0;) {
     if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
       return false;
@@ -148,6 +154,17 @@ bool LockWithinLimit(int fd) {
     pause = std::min(pause * 2, kLongestPause);
   }
   return true;
+}
+
+bool StandsAt(int fd, const char* path) {
+  struct stat open_file {};
+  struct stat standing {};
+  return fstat(fd, &open_file) == 0 && lstat(path, &standing) == 0 &&
+         open_file.st_dev == standing.st_dev && open_file.st_ino == standing.st_ino;
+}
+
+std::string TemporaryPrefix(std::string_view name) {
+  return "." + std::string(name) + std::string(kTemporaryMark);
 }
 
 std::string FileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
@@ -164,7 +181,8 @@ bool FlushFolderOf(const std::string& path) {
 
 bool ReplaceInFolder(const UniqueFd& folder, const std::string& name, std::string_view content,
                      const FileAttributes& attributes) {
-  RemoveLeftovers(folder.get(), name);
+  // While the folder is locked, nobody can be at them.
+  RemoveTemporaryFiles(folder.get(), [&name](std::string_view other) { return other == name; });
   const auto temporary_name = TemporaryName(name);
   if (!temporary_name) {
     return false;
@@ -172,6 +190,10 @@ bool ReplaceInFolder(const UniqueFd& folder, const std::string& name, std::strin
   TemporaryFile file(folder.get(), *temporary_name);
   return file.made() && file.Own(attributes) && file.Fill(content) && file.RenameTo(name) &&
          Flush(folder.get());
+}
+
+void RemoveLeftovers(const UniqueFd& folder, bool (*belongs)(std::string_view name)) {
+  RemoveTemporaryFiles(folder.get(), belongs);
 }
 
 bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode) {

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -24,12 +25,20 @@ struct FileAttributes {
 // The last part of `path`.
 std::string FileNameOf(const std::string& path);
 
+// What the names of the temporary files of the file `name` begin with. They stand in its folder.
+std::string TemporaryPrefix(std::string_view name);
+
 // Writes all of `content`. False with errno set.
 [[nodiscard]] bool WriteAll(int fd, std::string_view content);
 
-// Takes the exclusive flock of `fd`, waiting 30 seconds for other holders at most. False with errno
+// Takes the exclusive flock of `fd`, waiting for other holders for `limit` at most. False with errno
 // set (EWOULDBLOCK when time ran out).
-[[nodiscard]] bool LockWithinLimit(int fd);
+[[nodiscard]] bool LockWithinLimit(int fd,
+                                   std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+// Whether `path` leads to the open file `fd` itself, not to another file that took its place and
+// not through a link. A lock on a file that nobody else can find keeps nobody out.
+[[nodiscard]] bool StandsAt(int fd, const char* path);
 
 // Opens the folder of `path` and locks it against every other writer that locks it so, waiting 30
 // seconds at most. The lock is the folder's and not the file's, because a file that is renamed over
@@ -47,6 +56,10 @@ bool FlushFolderOf(const std::string& path);
 // the folder, fails: the new file then stands, but may not survive a power failure.
 [[nodiscard]] bool ReplaceInFolder(const UniqueFd& folder, const std::string& name,
                                    std::string_view content, const FileAttributes& attributes);
+
+// Removes the temporary files that killed writers left in `folder` of the files whose names
+// `belongs` accepts. The caller holds off the writers of those files.
+void RemoveLeftovers(const UniqueFd& folder, bool (*belongs)(std::string_view name));
 
 // Both in one: replaces the file `path` by one of the caller's with the mode `mode`.
 [[nodiscard]] bool AtomicReplace(const std::string& path, std::string_view content, mode_t mode);

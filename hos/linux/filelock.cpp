@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "base/atomic_replace.h"
 #include "base/unique_fd.h"
 #include "error.h"
 
@@ -19,6 +20,8 @@ int KLIBCFileLockByFile(const char* path, int exclusive, int* fd) {
   while (flock(lock.get(), kind | LOCK_NB) != 0) {
     if (errno != EINTR) return hos_linux::FalseFromErrno() ? 1 : 0;
   }
+  // Whoever comes later locks the file that stands there then.
+  if (!base::StandsAt(lock.get(), path)) return hos_linux::False(hos_linux::kNotFound) ? 1 : 0;
   *fd = lock.Release();
   return 1;
 }

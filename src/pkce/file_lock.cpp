@@ -9,6 +9,7 @@
 #include <random>
 #include <utility>
 
+#include "base/atomic_replace.h"
 #include "core/include/internal/string_utils.h"
 #include "core/log.h"
 #include "klibc/filelock.h"
@@ -53,6 +54,12 @@ bool EnsureExists(const std::string& path) {
   return true;
 }
 
+// The owner of a lock file in /tmp may put another in its place; who locks that one then is not kept
+// out by us. A handle that is no descriptor is the platform's own to check.
+bool IsWhereOthersLook(std::int32_t handle, const std::string& path) {
+  return fcntl(handle, F_GETFD) < 0 || base::StandsAt(handle, path.c_str());
+}
+
 // Random pauses keep processes that wait for one lock from trying in step.
 class BackOff {
  public:
@@ -90,7 +97,10 @@ bool FileLock::Lock(unsigned int timeout_seconds) {
   BackOff back_off;
   while (std::chrono::system_clock::now() < deadline) {
     if (KLIBCFileLockByFile(path_.c_str(), exclusive, &fd_) != 0) {
-      return true;
+      if (IsWhereOthersLook(fd_, path_)) {
+        return true;
+      }
+      Unlock();
     }
     back_off.Sleep();
   }

@@ -107,6 +107,7 @@ class Platform {
   int exec_status = 0;                             // what every KLIBCExecl gives
   std::function<int(const ExecRun&)> exec;         // when set, does the work of KLIBCExecl
   int busy_lock_tries = 0;                         // so many tries find the lock held elsewhere
+  std::function<void()> locked;                    // when set, runs when a lock has been taken
 
   // What the program did, in order. `plugin_runs` also holds the runs that were made to fail.
   std::vector<PluginRun> plugin_runs;

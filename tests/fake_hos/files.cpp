@@ -127,7 +127,9 @@ int KLIBCFileLockByFile(const char* path, int exclusive, int* fd) {
     --platform().busy_lock_tries;
     return Failed(0);
   }
-  return fake_hos::TryLock(path, fd) ? 1 : Failed(0);
+  if (!fake_hos::TryLock(path, fd)) return Failed(0);
+  if (platform().locked) platform().locked();
+  return 1;
 }
 
 int KLIBCFileUnlockByFile(int fd) {

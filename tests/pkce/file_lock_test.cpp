@@ -454,6 +454,45 @@ TEST_F(FileLockTest, UsersShareTheLockThatOneOfThemMade) {
   EXPECT_TRUE(lock_->Lock(kTimeout));
 }
 
+// ---- A file that was replaced.
+
+// The owner of a lock file may put another in its place at any moment, even while it is locked.
+TEST_F(FileLockTest, LockOnAFileThatIsGoneIsNoneAndTriedAgain) {
+  int replacements = 2;
+  platform().locked = [&replacements] {
+    if (replacements-- > 0) {
+      std::filesystem::remove(kPath);
+      test_files::Write(kPath, "");
+    }
+  };
+  EXPECT_TRUE(lock_->Lock(kTimeout));
+  EXPECT_EQ(Attempts(), 3U);
+  EXPECT_EQ(pauses_.size(), 2U);
+  EXPECT_TRUE(HeldBySomebody());
+  EXPECT_EQ(platform().live_objects(), 1) << "the lock on the file that is gone was given back";
+}
+
+TEST_F(FileLockTest, LinkToTheLockedFileIsNotThatFile) {
+  platform().locked = [] {
+    if (!std::filesystem::is_symlink(kPath)) {
+      std::filesystem::rename(kPath, "/tmp/moved.lock");
+      std::filesystem::create_symlink("/tmp/moved.lock", kPath);
+    }
+  };
+  EXPECT_FALSE(lock_->Lock(kTimeout));
+  std::filesystem::remove("/tmp/moved.lock");
+}
+
+TEST_F(FileLockTest, FileThatIsReplacedForEverIsNeverLocked) {
+  platform().locked = [] {
+    std::filesystem::remove(kPath);
+    test_files::Write(kPath, "");
+  };
+  EXPECT_FALSE(lock_->Lock(kTimeout));
+  EXPECT_EQ(platform().live_objects(), 0);
+  EXPECT_THAT(Log(), IsEmpty());
+}
+
 TEST_F(FileLockTest, AnyFailingCallIsTriedAgainOrForgotten) {
   bool held = false;
   FailEachCall([] {},
