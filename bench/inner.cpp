@@ -10,7 +10,7 @@
 #include <string>
 
 #include "account/account_data.h"
-#include "account/record_backup.h"
+#include "account/record_change.h"
 #include "account/user.h"
 #include "base/atomic_replace.h"
 #include "deviceapi/zomi_token_generation.h"
@@ -89,21 +89,21 @@ BENCHMARK(GenerateToken);
 
 // The 14 keys that an answer to the query changes, as the query writes them.
 void WriteAnswer() {
-  nodelink::WriteWholeRecord([] {
-    User user;
-    for (const auto* key : {&record::kZomiId, &record::kFullName, &record::kCountry,
-                            &record::kTimezone, &record::kNotifyLanguage}) {
-      user.Set(*key, "a text of the server's");
-    }
-    for (const auto* key : {&record::kActivated, &record::kDisabled, &record::kEnews,
-                            &record::kEnewsLocalPromotion, &record::kCriticalRelease}) {
-      user.Set(*key, true);
-    }
-    user.Set(record::kCriticalVersionList, "7.1");
-    user.Set(record::kCriticalVersionDomain, "7.1,7.2");
-    user.Set(record::kRealnameValidationPass, false);
-    user.Set(record::kLastQueryTime, std::int64_t{1795276991});
-  });
+  const nodelink::LinkLock lock;
+  nodelink::RecordChange change;
+  const std::string text = "a text of the server's";
+  for (const auto* key : {&record::kZomiId, &record::kFullName, &record::kCountry,
+                          &record::kTimezone, &record::kNotifyLanguage}) {
+    change.Set(lock, *key, text);
+  }
+  for (const auto* key : {&record::kActivated, &record::kDisabled, &record::kEnews,
+                          &record::kEnewsLocalPromotion, &record::kCriticalRelease}) {
+    change.Set(lock, *key, true);
+  }
+  change.Set(lock, record::kCriticalVersionList, text);
+  change.Set(lock, record::kCriticalVersionDomain, text);
+  change.Set(lock, record::kRealnameValidationPass, false);
+  change.Set(lock, record::kLastQueryTime, std::int64_t{1795276991});
 }
 
 void WriteBack(benchmark::State& state) {

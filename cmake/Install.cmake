@@ -44,7 +44,7 @@ install_documents(devcloud zomi-devcloud)
 set(header_folder ${CMAKE_INSTALL_INCLUDEDIR}/nodelink)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/nodelink)
 foreach(header
-    account/account_service.h account/record_keys.h account/server_info.h account/user.h
+    account/account_data.h account/account_service.h account/record_keys.h account/server_info.h account/user.h
     core/backtrace.h core/error_code.h core/zomi_exception.h
     pkce/account_pkce_service.h pkce/pkce_client.h pkce/pkce_config.h)
   get_filename_component(room ${header} DIRECTORY)

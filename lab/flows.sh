@@ -317,7 +317,7 @@ is_other_good_job() {
 
 check_leftovers() {
   local left
-  left=$(find "${folders[@]}" /etc -maxdepth 1 -name '.*' -type f)
+  left=$(find "${folders[@]}" /etc -maxdepth 1 -name '.*' ! -name '.*.lock' -type f)
   [[ -z $left ]] || finding "left behind $1: ${left//$'\n'/ }"
 }
 
@@ -334,7 +334,7 @@ check_locks() {
   local held
   held=$(perl -e '
     for (@ARGV) { sysopen(my $file, $_, 0) or next; flock($file, 6) or print "$_ " }' \
-    "${folders[@]}" /tmp/account_*.lock)
+    "${folders[@]}" "$private"/.*.lock /tmp/account_*.lock)
   [[ -z $held ]] || finding "still locked: $held"
 }
 

@@ -84,8 +84,8 @@ list_of_calls() {
 # Numbers the calls of a traced run, from the program's own first one: the loader's are not its own,
 # nor are those that load a system library later. A call of another thread or process can only be
 # reached beyond the loader's number. Of the programs that it runs only removals count. A close that
-# fails has closed all the same, yet strace leaves it out: that would keep the lock on a folder, so
-# folders are not taken. Crypto libraries end a process that is denied randomness: only the names of
+# fails has closed all the same, yet strace leaves it out: that would keep the lock on a folder or
+# on a lock of root's, so those are not taken. Crypto libraries end a process that is denied randomness: only the names of
 # temporary files have to do without.
 number_calls() {
   awk '
@@ -107,7 +107,7 @@ number_calls() {
     pid != main && executed[pid] && call !~ /^unlink/ { next }
     count[pid, call] <= loader[call] { next }
     line ~ /[<"]\/(usr\/)?lib\/[^>"]*\.so|\/ld\.so\./ { next }
-    call == "close" && line ~ /<[^>]*\/(private|cloudservice|cron\.d|etc|var)>/ { next }
+    call == "close" && line ~ /<[^>]*\/(private|cloudservice|cron\.d|etc|var|\.[a-z]+\.lock)>/ { next }
     call == "close" && line !~ /\/usr\/kivo|\/tmp\/account_|\/etc\/cron|socket:/ { next }
     call == "getrandom" && line !~ /, 8, 0\)/ { next }
     call == "newfstatat" && line !~ /\/usr\/kivo|\/tmp\/account_|\/etc\/cron/ { next }

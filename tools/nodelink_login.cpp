@@ -31,9 +31,13 @@ constexpr char kUsage[] =
     "                     the address that the browser was sent back to, or the code in it\n"
     "  --help             shows this text\n";
 
+void SayWaiting() { std::fputs("nodelink-login: waiting for another login\n", stderr); }
+
 int LoginByPassword(const std::string& email) {
   const Password password = Password::Read();
-  nodelink::AccountService().login(email, password.text());
+  nodelink::AccountService service;
+  service.onLoginWaits(SayWaiting);
+  service.login(email, password.text());
   std::printf("Logged in as %s\n", email.c_str());
   return 0;
 }
@@ -55,8 +59,9 @@ int LoginByBrowser() {
       SignInAddress(config, sign_in).c_str());
   std::fflush(stdout);
   const std::string code = ReadCode(ReadReply(), sign_in);
-  nodelink::AccountPkceServiceImpl().Login(code, sign_in.verifier,
-                                           config["login_redirect_uri"].asString());
+  nodelink::AccountPkceServiceImpl service;
+  service.onLoginWaits(SayWaiting);
+  service.Login(code, sign_in.verifier, config["login_redirect_uri"].asString());
   // The login stands even when the record cannot be read for the name.
   const std::string email = nodelink::User().Get(nodelink::record::kZomiId);
   std::printf("Logged in%s%s\n", email.empty() ? "" : " as ", email.c_str());

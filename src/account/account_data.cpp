@@ -17,6 +17,9 @@ namespace {
 
 constexpr int kInitialSize = 1024;
 
+// The log knows one reader of the record.
+constexpr LogSite kSite{"user", __LINE__};
+
 std::string Value(const KLIBCSZHASH* values, const char* key) {
   const char* value = KLIBCSzHashGetValue(values, key);
   return value == nullptr ? "" : value;
@@ -65,9 +68,9 @@ bool ReadValues(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
          (faccessat(AT_FDCWD, record::kPath, F_OK, AT_EACCESS) != 0 && errno == ENOENT);
 }
 
-}  // namespace
-
-int ReadAccountData(AccountData& data) {
+// `privileged` runs an operation with root's rights; false when they cannot be had.
+template <typename Privileged>
+int Read(AccountData& data, Privileged privileged) {
   const SzList keys(KLIBCSzListAlloc(kInitialSize));
   const SzHash values(KLIBCSzHashAlloc(kInitialSize));
   if (!keys || !values) {
@@ -78,14 +81,23 @@ int ReadAccountData(AccountData& data) {
     listed = listed && KLIBCSzListPush(keys.get(), key.name) >= 0;
   });
   bool read = false;
-  if (!listed || !RunPrivileged(Here(), [&] { read = ReadValues(keys.get(), values.get()); }) ||
-      !read) {
+  if (!listed || !privileged([&] { read = ReadValues(keys.get(), values.get()); }) || !read) {
     return -1;
   }
   ForEachField(data, [&](const auto& key, auto& field) {
     Assign(key, Value(values.get(), key.name), field);
   });
   return 0;
+}
+
+}  // namespace
+
+int ReadAccountData(AccountData& data) {
+  return Read(data, [](auto operation) { return RunPrivileged(kSite, operation); });
+}
+
+int ReadAccountDataSilently(AccountData& data) {
+  return Read(data, [](auto operation) { return RunPrivilegedSilently(operation); });
 }
 
 int ReadLinkedAccountData(AccountData& data) {

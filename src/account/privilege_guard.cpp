@@ -14,42 +14,10 @@ constexpr uid_t kRootUser = 0;
 constexpr gid_t kRootGroup = 0;
 constexpr int kUnchanged = -1;
 
-void LogRootTaken(LogSite site, const char* call) {
-  LogAt(LOG_AUTH | LOG_INFO, site, "WARNING: set%s(%d, %d, %d)", call, kUnchanged, 0, kUnchanged);
-}
-
-void LogFailure(LogSite site, const char* call, unsigned int target) {
-  std::array<char, 1024> buffer{};
-  const char* reason = strerror_r(errno, buffer.data(), buffer.size());
-  LogAt(LOG_AUTH | LOG_ERR, site, "ERROR: set%s(%d, %d, %d) [%s]", call, kUnchanged,
-        static_cast<int>(target), kUnchanged, reason);
-}
-
-bool SetEffectiveGroup(LogSite site, gid_t group) {
-  if (setresgid(static_cast<gid_t>(kUnchanged), group, static_cast<gid_t>(kUnchanged)) != 0) {
-    LogFailure(site, "resgid", group);
-    return false;
-  }
-  if (group == kRootGroup) {
-    LogRootTaken(site, "resgid");
-  }
-  return true;
-}
-
-bool SetEffectiveUser(LogSite site, uid_t user) {
-  if (setresuid(static_cast<uid_t>(kUnchanged), user, static_cast<uid_t>(kUnchanged)) != 0) {
-    LogFailure(site, "resuid", user);
-    return false;
-  }
-  if (user == kRootUser) {
-    LogRootTaken(site, "resuid");
-  }
-  return true;
-}
-
 }  // namespace
 
-PrivilegeGuard::PrivilegeGuard(LogSite site) : site_(site), already_root_(geteuid() == kRootUser) {
+PrivilegeGuard::PrivilegeGuard(std::optional<LogSite> site)
+    : site_(site), already_root_(geteuid() == kRootUser) {
   if (already_root_) {
     entered_ = true;
     return;
@@ -57,7 +25,7 @@ PrivilegeGuard::PrivilegeGuard(LogSite site) : site_(site), already_root_(geteui
   entered_ = Enter();
   errno = entered_ ? 0 : EPERM;
   if (!entered_) {
-    LogAt(LOG_AUTH | LOG_ERR, site_, "ERROR: ENTERCriticalSection");
+    LogLost("ENTERCriticalSection");
   }
 }
 
@@ -71,10 +39,10 @@ PrivilegeGuard::~PrivilegeGuard() {
 bool PrivilegeGuard::Enter() {
   saved_user_ = geteuid();
   saved_group_ = getegid();
-  if (saved_group_ != kRootGroup && !SetEffectiveGroup(site_, kRootGroup)) {
+  if (saved_group_ != kRootGroup && !SetEffectiveGroup(kRootGroup)) {
     return false;
   }
-  return saved_user_ == kRootUser || SetEffectiveUser(site_, kRootUser);
+  return saved_user_ == kRootUser || SetEffectiveUser(kRootUser);
 }
 
 // The operation may have changed the effective user; only root may change the group back.
@@ -83,12 +51,56 @@ void PrivilegeGuard::Leave() {
   const gid_t current_group = getegid();
   const bool user_differs = saved_user_ != current_user;
   const bool group_differs = saved_group_ != current_group;
-  const bool restored = (!user_differs || SetEffectiveUser(site_, kRootUser)) &&
-                        (!group_differs || SetEffectiveGroup(site_, saved_group_)) &&
-                        (!user_differs || SetEffectiveUser(site_, saved_user_));
+  const bool restored = (!user_differs || SetEffectiveUser(kRootUser)) &&
+                        (!group_differs || SetEffectiveGroup(saved_group_)) &&
+                        (!user_differs || SetEffectiveUser(saved_user_));
   errno = restored ? 0 : EPERM;
   if (!restored) {
-    LogAt(LOG_AUTH | LOG_ERR, site_, "ERROR: LEAVECriticalSection");
+    LogLost("LEAVECriticalSection");
+  }
+}
+
+bool PrivilegeGuard::SetEffectiveGroup(gid_t group) {
+  if (setresgid(static_cast<gid_t>(kUnchanged), group, static_cast<gid_t>(kUnchanged)) != 0) {
+    LogFailure("resgid", group);
+    return false;
+  }
+  if (group == kRootGroup) {
+    LogRootTaken("resgid");
+  }
+  return true;
+}
+
+bool PrivilegeGuard::SetEffectiveUser(uid_t user) {
+  if (setresuid(static_cast<uid_t>(kUnchanged), user, static_cast<uid_t>(kUnchanged)) != 0) {
+    LogFailure("resuid", user);
+    return false;
+  }
+  if (user == kRootUser) {
+    LogRootTaken("resuid");
+  }
+  return true;
+}
+
+void PrivilegeGuard::LogRootTaken(const char* call) const {
+  if (site_) {
+    LogAt(LOG_AUTH | LOG_INFO, *site_, "WARNING: set%s(%d, %d, %d)", call, kUnchanged, 0,
+          kUnchanged);
+  }
+}
+
+void PrivilegeGuard::LogFailure(const char* call, unsigned int target) const {
+  if (site_) {
+    std::array<char, 1024> buffer{};
+    const char* reason = strerror_r(errno, buffer.data(), buffer.size());
+    LogAt(LOG_AUTH | LOG_ERR, *site_, "ERROR: set%s(%d, %d, %d) [%s]", call, kUnchanged,
+          static_cast<int>(target), kUnchanged, reason);
+  }
+}
+
+void PrivilegeGuard::LogLost(const char* section) const {
+  if (site_) {
+    LogAt(LOG_AUTH | LOG_ERR, *site_, "ERROR: %s", section);
   }
 }
 

@@ -7,20 +7,22 @@
 
 #include <sys/types.h>
 
+#include <optional>
+
 #include "core/log.h"
 
 namespace nodelink {
 
 class PrivilegeGuard {
  public:
-  // Enters the section. `site` is the protected operation's place, for the log lines. When the ids
-  // cannot be raised the guard is not entered, errno is EPERM, and what was raised so far stays.
-  // A process with effective user root enters without any change.
-  explicit PrivilegeGuard(LogSite site);
+  // Enters the section. `site` is the protected operation's place, for the log lines; without one
+  // nothing is logged. When the ids cannot be raised the guard is not entered, errno is EPERM, and
+  // what was raised so far stays. A process with effective user root enters without any change.
+  explicit PrivilegeGuard(std::optional<LogSite> site);
   PrivilegeGuard(const PrivilegeGuard&) = delete;
   PrivilegeGuard& operator=(const PrivilegeGuard&) = delete;
 
-  // Leaves the section: puts the saved ids back. A failure is logged only.
+  // Leaves the section: puts the saved ids back. A failure is logged at most.
   ~PrivilegeGuard();
 
   bool entered() const { return entered_; }
@@ -28,8 +30,13 @@ class PrivilegeGuard {
  private:
   bool Enter();
   void Leave();
+  bool SetEffectiveGroup(gid_t group);
+  bool SetEffectiveUser(uid_t user);
+  void LogRootTaken(const char* call) const;
+  void LogFailure(const char* call, unsigned int target) const;
+  void LogLost(const char* section) const;
 
-  LogSite site_;
+  std::optional<LogSite> site_;
   bool already_root_;
   bool entered_ = false;
   uid_t saved_user_ = 0;
@@ -50,6 +57,17 @@ template <typename Operation>
   }
   operation();
   return true;
+}
+
+// The same without a log line of its own: for what the flows do on the way to an operation that
+// says itself what it could not do.
+template <typename Operation>
+[[nodiscard]] bool RunPrivilegedSilently(Operation operation) {
+  const PrivilegeGuard guard(std::nullopt);
+  if (guard.entered()) {
+    operation();
+  }
+  return guard.entered();
 }
 
 }  // namespace nodelink

@@ -91,14 +91,16 @@ std::int64_t User::Get(const IntegerKey& key) const {
   return record::ParseInteger(impl_->ReadText(key.name, ""), key.default_value);
 }
 
-void User::Set(const TextKey& key, const std::string& value) { impl_->WriteText(key.name, value); }
+void User::Set(const TextKey& key, const std::string& value) {
+  impl_->WriteText(key.name, record::ValueText(value));
+}
 
 void User::Set(const FlagKey& key, bool value) {
-  impl_->WriteText(key.name, record::FlagText(value));
+  impl_->WriteText(key.name, record::ValueText(value));
 }
 
 void User::Set(const IntegerKey& key, std::int64_t value) {
-  impl_->WriteText(key.name, std::to_string(value));
+  impl_->WriteText(key.name, record::ValueText(value));
 }
 
 bool User::HasAccount() const { return !Get(record::kZomiId).empty(); }

@@ -1,10 +1,11 @@
 #include "core/json.h"
 
 #include <json/reader.h>
+#include <json/writer.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <string_view>
 
 #include "base/atomic_replace.h"
 #include "base/json_text.h"
@@ -14,7 +15,7 @@ namespace nodelink::json {
 namespace {
 
 constexpr std::size_t kLargestFile = 1024 * 1024;
-constexpr std::ptrdiff_t kMostValues = 10'000;
+constexpr std::size_t kMostValues = 10'000;
 constexpr mode_t kPrivateFile = 0600;
 
 Json::CharReaderBuilder StrictReader() {
@@ -23,11 +24,47 @@ Json::CharReaderBuilder StrictReader() {
   return builder;
 }
 
-// In memory a value takes a hundred times the byte that it may be in the text. The signs are
-// counted inside of texts and comments too: a real document is far below the limit either way.
-bool HasTooManyValues(const std::string& text) {
-  return std::count_if(text.begin(), text.end(),
-                       [](char c) { return c == ',' || c == '[' || c == '{'; }) > kMostValues;
+// The end of the text that begins behind the quote at `start`: behind its closing quote.
+std::size_t EndOfText(std::string_view document, std::size_t start) {
+  std::size_t index = start + 1;
+  while (index < document.size() && document[index] != '"') {
+    index += document[index] == '\\' ? 2 : 1;
+  }
+  return index + 1;
+}
+
+// The end of the comment that begins at `start`; behind the one sign when it is none.
+std::size_t EndOfComment(std::string_view document, std::size_t start) {
+  const std::string_view begin = document.substr(start, 2);
+  if (begin == "//") {
+    return document.find_first_of("\r\n", start);
+  }
+  const std::size_t end = begin == "/*" ? document.find("*/", start + 2) : start - 1;
+  return end == document.npos ? end : end + 2;
+}
+
+// In memory a value takes a hundred times the byte that it may be in the text. Texts and comments
+// may hold any sign.
+bool HasTooManyValues(std::string_view document) {
+  std::size_t values = 0;
+  for (std::size_t index = 0; index < document.size();) {
+    switch (document[index]) {
+      case '"':
+        index = EndOfText(document, index);
+        break;
+      case '/':
+        index = EndOfComment(document, index);
+        break;
+      case ',':
+      case '[':
+      case '{':
+        ++values;
+        [[fallthrough]];
+      default:
+        ++index;
+    }
+  }
+  return values > kMostValues;
 }
 
 const Json::Value* Member(const Json::Value& object, const char* name) {
@@ -69,20 +106,34 @@ bool fromFile(const std::string& path, Json::Value& value) {
 std::string toString(const Json::Value& value) { return base::JsonText(value); }
 
 bool toFile(const Json::Value& value, const std::string& path) {
-  return base::AtomicReplace(path, base::JsonText(value, "  ") + "\n", kPrivateFile);
+  const std::string text = base::JsonText(value, "  ", kLargestFile) + "\n";
+  if (text.size() > kLargestFile || HasTooManyValues(text)) {
+    return false;
+  }
+  return base::AtomicReplace(path, text, kPrivateFile);
+}
+
+std::string StyledText(const Json::Value& value, std::size_t limit) {
+  const std::string text = value.hasComment(Json::commentBefore) ? "\n" : "";
+  return text + base::JsonText(Json::StreamWriterBuilder(), value, limit) + "\n";
 }
 
 std::optional<std::string> TextMember(const Json::Value& object, const char* name) {
   const Json::Value* member = Member(object, name);
-  if (member == nullptr || !(member->isString() || member->isNumeric() || member->isBool())) {
+  if (member == nullptr || member->isObject() || member->isArray()) {
     return std::nullopt;
   }
   return member->asString();
 }
 
+std::optional<std::string> FilledTextMember(const Json::Value& object, const char* name) {
+  auto text = TextMember(object, name);
+  return text && !text->empty() ? text : std::nullopt;
+}
+
 std::optional<bool> BoolMember(const Json::Value& object, const char* name) {
   const Json::Value* member = Member(object, name);
-  if (member == nullptr || !(member->isBool() || member->isNumeric())) {
+  if (member == nullptr || !(member->isBool() || member->isNumeric() || member->isNull())) {
     return std::nullopt;
   }
   return member->asBool();
@@ -90,7 +141,7 @@ std::optional<bool> BoolMember(const Json::Value& object, const char* name) {
 
 const Json::Value* ObjectMember(const Json::Value& object, const char* name) {
   const Json::Value* member = Member(object, name);
-  return member != nullptr && member->isObject() ? member : nullptr;
+  return member != nullptr && (member->isObject() || member->isNull()) ? member : nullptr;
 }
 
 }  // namespace nodelink::json

@@ -11,10 +11,6 @@
 namespace nodelink {
 namespace {
 
-// The system log takes one datagram a line and drops a larger one whole, in silence. Answers of
-// servers, which some lines quote, can be that large.
-constexpr std::size_t kLongestMessage = 128 * 1024;
-
 std::string Message(const char* format, va_list values) {
   va_list again;
   va_copy(again, values);

@@ -1,6 +1,7 @@
 // The program's log: syslog lines that begin with the source file and line they come from.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "klibc/error.h"
@@ -27,6 +28,10 @@ constexpr std::string_view SourceName(std::string_view path) {
 constexpr LogSite Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
   return {SourceName(file), line};
 }
+
+// A longer message is cut: the system log takes one datagram a line and drops a larger one whole, in
+// silence, and answers of servers, which some lines quote, can be that large.
+inline constexpr std::size_t kLongestMessage = 128 * 1024;
 
 // Logs "<file>:<line> <message>" at priority error, or at `priority` (which may name a facility).
 // `format` and what follows are those of printf.

@@ -3,7 +3,8 @@
 #include <array>
 
 #include "account/account_link.h"
-#include "account/record_backup.h"
+#include "account/link_lock.h"
+#include "account/record_change.h"
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/log.h"
@@ -155,15 +156,21 @@ int AskForLogin(Attempt& attempt, Answer& answer) {
   return answer.code == kSuccess ? 0 : Refused(attempt, answer);
 }
 
-int StoreIdentity(const Attempt& attempt, const Answer& answer) {
-  const auto id = json::TextMember(answer.json, "id");
-  const auto auth_key = json::TextMember(answer.json, "auth_key");
+// Its text is not logged: the key may be in it.
+int ReadLink(const Answer& answer, LinkIdentity& link) {
+  const auto id = json::FilledTextMember(answer.json, "id");
+  const auto auth_key = json::FilledTextMember(answer.json, "auth_key");
   if (!id || !auth_key) {
-    LogRefusal(attempt, answer);
+    LogError(Here(), "bad response, no id or auth_key");
     return Fail(kBadResponse);
   }
+  link = {*id, *auth_key};
+  return 0;
+}
+
+int StoreLink(const LinkIdentity& link) {
   try {
-    WriteWholeRecord([&] { WriteAccountLink(*id, *auth_key); });
+    ReplaceAccountLink(LinkLock(), link);
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to set user: %s", failure.what());
@@ -171,9 +178,17 @@ int StoreIdentity(const Attempt& attempt, const Answer& answer) {
   }
 }
 
-void AddReportJob() {
+// False only when another process has ended the link, or made another one, since it was stored.
+bool IsStillLinked(const LinkLock& lock, const LinkIdentity& link) {
+  const auto held = lock.Link();
+  return !held || *held == link;
+}
+
+// A job for the link that was stored; one that came after it has its own.
+void AddReportJob(const LinkIdentity& link) {
   try {
-    if (IsReportDisabled() || SaveReportJob()) {
+    const LinkLock lock;
+    if (IsReportDisabled() || !IsStillLinked(lock, link) || SaveReportJob()) {
       return;
     }
   } catch (const ZomiException&) {
@@ -182,14 +197,28 @@ void AddReportJob() {
   LogError(Here(), "Failed to add crontab for zomi");
 }
 
-// Nothing that fails here undoes the login.
-void FollowUp(const std::string& identifier, LoginPlugin& plugin) {
-  AddReportJob();
+bool LinkStands(const LinkIdentity& link) {
+  try {
+    return IsStillLinked(LinkLock(), link);
+  } catch (const ZomiException&) {
+    return true;  // nobody can tell
+  }
+}
+
+// Nothing that fails here undoes the login. Only another process can, and then the plug-ins are not
+// told of it any more.
+int FollowUp(const std::string& identifier, const LinkIdentity& link, LoginPlugin& plugin) {
+  AddReportJob(link);
   LogError(Here(), "Logged in Zomi Center as %s", identifier.c_str());
   (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedInEvent, identifier.c_str(), "", "", "");
   Json::Value account(Json::objectValue);
-  (void)ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes);
+  RecordChange profile;
+  (void)ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes, profile);
+  if (!profile.removed() && !LinkStands(link)) {
+    return FailLinkChanged(Here());
+  }
   plugin.Announce();
+  return 0;
 }
 
 }  // namespace
@@ -207,11 +236,12 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
   }
   Attempt attempt{identifier, quick, "", nullptr};
   Answer answer;
+  LinkIdentity link;
   if (Prepare(password, attempt) < 0 || AskForLogin(attempt, answer) < 0 ||
-      StoreIdentity(attempt, answer) < 0) {
+      ReadLink(answer, link) < 0 || StoreLink(link) < 0 ||
+      FollowUp(identifier, link, plugin) < 0) {
     return -1;
   }
-  FollowUp(identifier, plugin);
   result = answer.json;
   return 0;
 }

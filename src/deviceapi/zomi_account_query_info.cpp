@@ -7,9 +7,9 @@
 #include <string>
 
 #include "account/account_data.h"
-#include "account/record_backup.h"
+#include "account/link_lock.h"
+#include "account/record_change.h"
 #include "account/user.h"
-#include "account/zomi_config_remove.h"
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/log.h"
@@ -108,7 +108,7 @@ bool ReadCriticalVersions(const Json::Value& answer, Profile& profile) {
   bool first_of_all = true;
   bool first_that_is_true = true;
   for (auto version = versions->begin(); version != versions->end(); ++version) {
-    if (!version->isBool()) {
+    if (!version->isBool() && !version->isNull()) {
       return false;
     }
     AppendName(profile.critical_version_domain, version.name(), first_of_all);
@@ -142,22 +142,16 @@ std::optional<Profile> ReadProfile(const Json::Value& answer) {
   return ReadCriticalVersions(answer, profile) ? std::optional(profile) : std::nullopt;
 }
 
-int LogOut() {
+int LogOut(const LinkLock& lock, RecordChange& change) {
   LogError(Here(), "Logged out Zomi due to authentication failure.");
-  (void)ZomiConfigRemove();  // a failure is logged there; the next query comes back to it
+  change.Remove(lock);  // a failure is logged there; the next query comes back to it
   return Fail(kNoAccount);
 }
 
-// Judges the server's answer; `profile` is filled only for a good one.
-int Judge(const std::string& text, Profile& profile) {
-  Json::Value answer;
-  if (ParseAnswer(Here(), text, answer) < 0) {
-    return -1;
-  }
+// Judges the verdict of an answer that does not end the link; `profile` is filled only for a good
+// one.
+int Judge(const Json::Value& answer, const std::string& text, Profile& profile) {
   const auto word = json::TextMember(answer, "code");
-  if (word == "badauth") {
-    return LogOut();
-  }
   const auto read = ReadProfile(answer);
   if (!word || !read) {
     LogError(Here(), "Server returned insufficient data. resp=%s", text.c_str());
@@ -172,26 +166,25 @@ int Judge(const std::string& text, Profile& profile) {
   return 0;
 }
 
-void WriteProfile(const Profile& profile) {
-  User user;
+void WriteProfile(const LinkLock& lock, RecordChange& change, const Profile& profile) {
   for (std::size_t index = 0; index < kTextFields.size(); ++index) {
-    user.Set(kTextFields[index].key, profile.texts[index]);
+    change.Set(lock, kTextFields[index].key, profile.texts[index]);
   }
   for (std::size_t index = 0; index < kFlagFields.size(); ++index) {
-    user.Set(kFlagFields[index].key, profile.flags[index]);
+    change.Set(lock, kFlagFields[index].key, profile.flags[index]);
   }
-  user.Set(record::kCriticalVersionList, profile.critical_version_list);
-  user.Set(record::kCriticalVersionDomain, profile.critical_version_domain);
-  user.Set(record::kRealnameValidationPass, profile.realname_validation_pass);
+  change.Set(lock, record::kCriticalVersionList, profile.critical_version_list);
+  change.Set(lock, record::kCriticalVersionDomain, profile.critical_version_domain);
+  change.Set(lock, record::kRealnameValidationPass, profile.realname_validation_pass);
   if (profile.report_cron_timestring) {
-    user.Set(record::kReportCronTimestring, *profile.report_cron_timestring);
+    change.Set(lock, record::kReportCronTimestring, *profile.report_cron_timestring);
   }
-  user.Set(record::kLastQueryTime, static_cast<std::int64_t>(std::time(nullptr)));
+  change.Set(lock, record::kLastQueryTime, static_cast<std::int64_t>(std::time(nullptr)));
 }
 
-int Store(const Profile& profile) {
+int Store(const LinkLock& lock, RecordChange& change, const Profile& profile) {
   try {
-    WriteWholeRecord([&profile] { WriteProfile(profile); });
+    WriteProfile(lock, change, profile);
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to set user: %s", failure.what());
@@ -216,18 +209,51 @@ int FillOutput(Json::Value& output) {
   }
 }
 
-int RefreshRecord(const AccountData& cached, Quick quick) {
-  std::string answer;
+int Act(const LinkLock& lock, RecordChange& change, const Json::Value& answer,
+        const std::string& text) {
+  if (json::TextMember(answer, "code") == "badauth") {
+    return LogOut(lock, change);
+  }
   Profile profile;
-  if (Ask(cached, quick, answer) < 0 || Judge(answer, profile) < 0) {
+  return Judge(answer, text, profile) < 0 ? -1 : Store(lock, change, profile);
+}
+
+int ActIfStillLinked(const AccountData& cached, RecordChange& change, const std::string& text) {
+  Json::Value answer;
+  if (ParseAnswer(Here(), text, answer) < 0) {
     return -1;
   }
-  return Store(profile);
+  const LinkLock lock;
+  if (!lock.Holds(LinkOf(cached))) {
+    return FailLinkChanged(Here());
+  }
+  const int result = Act(lock, change, answer, text);
+  if (result < 0) {
+    change.Undo(lock);
+  }
+  return result;
+}
+
+int RefreshRecord(const AccountData& cached, Quick quick, RecordChange& change) {
+  std::string text;
+  if (Ask(cached, quick, text) < 0) {
+    return -1;
+  }
+  try {
+    return ActIfStillLinked(cached, change, text);
+  } catch (const ZomiException& failure) {
+    return Fail(failure.code());  // the lock of the link; the reason is logged there
+  }
 }
 
 }  // namespace
 
 int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick) {
+  RecordChange change;
+  return ZomiAccountQueryInfo(output, refresh, quick, change);
+}
+
+int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick, RecordChange& change) {
   // One query at a time: those that wait find the record fresh, and no two interleave their writes.
   FileLock lock(AccountLockPath(kLockName), 0);
   if (!lock.Lock(kLockTimeout)) {
@@ -239,7 +265,7 @@ int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick) {
   if (ReadAccountData(cached) < 0) {
     return Fail(kNoAccount);
   }
-  if (MustAskServer(cached, refresh) && RefreshRecord(cached, quick) < 0) {
+  if (MustAskServer(cached, refresh) && RefreshRecord(cached, quick, change) < 0) {
     return -1;
   }
   return FillOutput(output);

@@ -31,7 +31,7 @@ constexpr long kMaxRedirects = 10;
 
 // Answers are small JSON texts; a server that sends more is broken or hostile. What is made of an
 // answer takes many times its size in memory.
-constexpr std::size_t kLargestBody = 256 * 1024;
+constexpr std::size_t kLargestBody = 1024 * 1024;
 
 struct CurlFree {
   void operator()(CURL* curl) const { curl_easy_cleanup(curl); }

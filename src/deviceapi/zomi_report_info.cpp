@@ -3,8 +3,9 @@
 #include <array>
 
 #include "account/account_data.h"
-#include "account/account_service.h"
+#include "account/link_lock.h"
 #include "account/server_info.h"
+#include "account/update_report_job.h"
 #include "account/user.h"
 #include "core/error_code.h"
 #include "core/json.h"
@@ -76,11 +77,17 @@ int Ask(const AccountData& account, std::string& text) {
   return form ? SendForm(Here(), host, kPath, form.get(), Quick::kNo, text) : -1;
 }
 
-// Whatever the verdict: the server may spread its devices anew while it refuses this one.
+// Whatever the verdict: the server may spread its devices anew while it refuses this one. A
+// schedule that cannot be stored does not keep the verdict from being acted on.
 void StoreSchedule(const Json::Value& answer) {
   const auto schedule = json::TextMember(answer, "report_cron_timestring");
-  if (schedule) {
+  if (!schedule) {
+    return;
+  }
+  try {
     User().Set(record::kReportCronTimestring, *schedule);
+  } catch (const ZomiException& failure) {
+    LogError(Here(), "Failed to set user: %s", failure.what());
   }
 }
 
@@ -88,27 +95,43 @@ void LogOut(const AccountData& account) {
   LogError(Here(), "Failed to auth [%s] on regularly report, auto logout.",
            account.zomi_id.c_str());
   try {
-    AccountPkceServiceImpl().Logout(AccessToken::kInclude);
+    AccountPkceServiceImpl().LogoutLink(LinkOf(account), AccessToken::kInclude);
   } catch (const ZomiException& failure) {
     SetLastErrorCode(failure.code());
     LogError(Here(), "Failed to logout");
   }
 }
 
+bool EndsTheLink(std::uint32_t code) { return code == kAuthFailed || code == kAccountNotFound; }
+
 // The administrators learn why the device is about to lose its account.
-void EndLink(const AccountData& account, std::uint32_t code) {
+void NotifyOfTheEnd(const AccountData& account, std::uint32_t code) {
   if (code == kAuthFailed) {
     HosService::notify("zomi_force_logout",
                        {{"%EMAIL%", account.zomi_id}, {"%LINK%", ServerInfo().AccountHost()}});
   } else {
     HosService::notify("zomi_deletion_logout", {{"%EMAIL%", account.zomi_id}});
   }
-  LogOut(account);
+}
+
+// What the answer means for this device; false when it is an answer for another link.
+bool Act(const AccountData& account, const Json::Value& answer, std::uint32_t code) {
+  const LinkLock lock;
+  if (!lock.Holds(LinkOf(account))) {
+    return false;
+  }
+  StoreSchedule(answer);
+  if (code == kSuccess) {
+    UpdateReportJob(lock);
+  } else if (EndsTheLink(code)) {
+    NotifyOfTheEnd(account, code);
+  }
+  return true;
 }
 
 int Refused(const AccountData& account, std::uint32_t code, const std::string& text) {
-  if (code == kAuthFailed || code == kAccountNotFound) {
-    EndLink(account, code);
+  if (EndsTheLink(code)) {
+    LogOut(account);
   }
   SetLastErrorCode(code);
   LogError(Here(), "Failed to query service check, resp=%s", text.c_str());
@@ -117,7 +140,6 @@ int Refused(const AccountData& account, std::uint32_t code, const std::string& t
 
 // A token that cannot be renewed now is renewed by whoever needs it next.
 int Accepted() {
-  AccountService().updateCrondJob();
   try {
     (void)AccountPkceServiceImpl().GetAccessTokenWithRescue();
   } catch (const ZomiException& failure) {
@@ -135,8 +157,10 @@ int Judge(const AccountData& account, const std::string& text) {
   if (!word) {
     return Fail(kBadResponse);
   }
-  StoreSchedule(answer);
   const std::uint32_t code = ServerStatusToErrorCode(word->c_str());
+  if (!Act(account, answer, code)) {
+    return FailLinkChanged(Here());
+  }
   return code == kSuccess ? Accepted() : Refused(account, code, text);
 }
 
@@ -152,7 +176,7 @@ int ReportDeviceInfo() {
     std::string text;
     return Ask(account, text) < 0 ? -1 : Judge(account, text);
   } catch (const ZomiException& failure) {
-    return Fail(failure.code());  // the record could not be written, or not be read any more
+    return Fail(failure.code());  // the record cannot be read any more, or not be locked
   }
 }
 

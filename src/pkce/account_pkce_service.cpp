@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "account/account_link.h"
-#include "account/record_backup.h"
+#include "account/link_lock.h"
+#include "account/login_lock.h"
+#include "account/record_change.h"
 #include "account/server_info.h"
+#include "account/token_files.h"
 #include "account/user.h"
 #include "account/zomi_config_remove.h"
 #include "base/atomic_replace.h"
@@ -25,6 +28,7 @@
 #include "pkce/http_answer.h"
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
+#include "pkce/token_request.h"
 #include "platform/hos_service.h"
 #include "platform/report_job.h"
 #include "platform/zomi_plugin_manager.h"
@@ -94,7 +98,7 @@ std::string ReadGrantCode(const HttpAnswer& answer) {
   CheckStatus("grant by authkey", answer);
   Json::Value response;
   ParseJson(answer.text, response);
-  const auto code = json::TextMember(response, "grant_code");
+  const auto code = json::FilledTextMember(response, "grant_code");
   if (!code) {
     throw ZomiException(kBadResponse, AnswerText("parse grant by authkey resp", answer));
   }
@@ -109,11 +113,19 @@ void CheckLogout(const HttpAnswer& answer) {
   if (!response.isObject()) {
     throw ZomiException(kWrongJsonFormat, AnswerText("parse logout resp", answer));
   }
+  if (!response.isMember("code")) {
+    return;
+  }
   const auto word = json::TextMember(response, "code");
-  const std::uint32_t code = word ? ServerStatusToErrorCode(word->c_str()) : kSuccess;
+  const std::uint32_t code = ServerStatusToErrorCode(word ? word->c_str() : nullptr);
   if (code != kSuccess) {
     throw ZomiException(code, "Failed to logout with success code");
   }
+}
+
+// Whether the answer has the member, of whatever type, and it is not empty.
+bool IsFilled(const Json::Value& answer, const char* name) {
+  return answer.isMember(name) && !answer[name].isNull() && answer[name] != "";
 }
 
 // Empty when the record has none or cannot be read.
@@ -125,44 +137,71 @@ std::string StoredAuthKey() {
   }
 }
 
-void StoreIdentity(const Json::Value& identity) {
-  const auto id = json::TextMember(identity, "user_id");
-  const auto auth_key = json::TextMember(identity, "auth_key");
+std::optional<LinkIdentity> CurrentLink() { return LinkLock().Link(); }
+
+void StoreIdentity(RecordChange& change, const Json::Value& identity) {
+  const auto id = json::FilledTextMember(identity, "user_id");
+  const auto auth_key = json::FilledTextMember(identity, "auth_key");
   if (!id || !auth_key) {
     throw ZomiException(kBadResponse);
   }
+  const LinkLock lock;
   const ServerInfo servers;
   const std::string account_host = servers.AccountHost();
   const std::string identity_host = servers.IdentityHost();
-  User user;
-  user.Set(record::kAccountHost, account_host);
-  user.Set(record::kIdentityHost, identity_host);
-  WriteAccountLink(*id, *auth_key);
+  change.Set(lock, record::kAccountHost, account_host);
+  change.Set(lock, record::kIdentityHost, identity_host);
+  WriteAccountLink(lock, change, {*id, *auth_key});
 }
 
 // The profile query fills the rest of the record; it needs the identity to be there.
-std::string QueryEmail() {
+std::string QueryEmail(RecordChange& change) {
   Json::Value account(Json::objectValue);
-  if (ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes) < 0) {
-    throw ZomiException(LastErrorCode());
+  if (ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes, change) < 0) {
+    const std::uint32_t code = LastErrorCode();
+    throw ZomiException(code == kSuccess ? kGenericError : code);
   }
   return account["email"].asString();
 }
 
 void StoreAccount(const Json::Value& identity) {
-  WriteWholeRecord([&identity] {
-    StoreIdentity(identity);
-    LogError(Here(), "Logged in Veltrix Account as [%s]", QueryEmail().c_str());
-  });
+  RecordChange change(Removal::kIsUndone);
+  try {
+    StoreIdentity(change, identity);
+    LogError(Here(), "Logged in Veltrix Account as [%s]", QueryEmail(change).c_str());
+  } catch (const ZomiException&) {
+    change.Undo(LinkLock());
+    throw;
+  }
 }
 
 // Those of every client.
-void ClearTokens() {
+void ClearTokens(const LinkLock& lock) {
   const std::string command = std::string("/bin/rm -f ") + record::kFolder + "*_token.json";
   if (KLIBCExecl("/bin/sh", kExecFlags, "-c", command.c_str(), static_cast<char*>(nullptr)) < 0) {
     LogError(Here(), "Failed to clear token files");
   }
+  RemoveAccountLeftovers(lock);
   base::FlushFolderOf(record::kPath);  // or a power failure brings the record or the keys back
+}
+
+void CheckLink(const LinkLock& lock, const std::optional<LinkIdentity>& link) {
+  if (lock.Link() != link) {
+    throw LinkChanged(Here());
+  }
+}
+
+void Clear(const LinkLock& lock) {
+  const User user;
+  if (user.HasAccount()) {
+    LogError(Here(), "Logged out Veltrix Account: %s", user.Get(record::kZomiId).c_str());
+  } else {
+    LogError(Here(), "Logged out Veltrix Account");
+  }
+  (void)ZomiConfigRemove();
+  (void)RemoveReportJob();
+  (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedOutEvent, "", "", "", "");
+  ClearTokens(lock);
 }
 
 }  // namespace
@@ -171,12 +210,16 @@ AccountPkceServiceImpl::AccountPkceServiceImpl() : client_(kClientName) {
   client_.SetConfig(LoadPkceLoginConfig());
 }
 
-void AccountPkceServiceImpl::GrantByAuthKey() {
+void AccountPkceServiceImpl::GrantByAuthKey() { Grant(CurrentLink()); }
+
+void AccountPkceServiceImpl::Grant(const Link& link) {
   const Json::Value config = LoadPkceLoginConfig();
   const CodePair pair = MakeCodePair();
+  const TokenRequest asked_for = client_.RequestFor(link);
   const HttpAnswer answer =
       PostToAccount(kGrantPath, config["client_id"].asString(), GrantForm(config, pair));
-  client_.PkceLogin(ReadGrantCode(answer), pair.verifier, config["login_redirect_uri"].asString());
+  client_.PkceLogin(ReadGrantCode(answer), pair.verifier, config["login_redirect_uri"].asString(),
+                    asked_for);
 }
 
 Json::Value AccountPkceServiceImpl::ExchangeAuthKey(const std::string& token) {
@@ -191,7 +234,7 @@ Json::Value AccountPkceServiceImpl::ExchangeAuthKey(const std::string& token) {
   CheckStatus("exchange authkey", answer);
   Json::Value response;
   ParseJson(answer.text, response);
-  if (!response.isObject() || !response.isMember("user_id") || !response.isMember("auth_key")) {
+  if (!response.isObject() || !IsFilled(response, "user_id") || !IsFilled(response, "auth_key")) {
     LogError(kExchangeSite, "Failed to ExchangeAuthKey by [%s], code=%d, resp=%s", token.c_str(),
              answer.status, answer.text.c_str());
     throw ZomiException(kNoToken, AnswerText("parse exchange authkey resp", answer));
@@ -201,6 +244,7 @@ Json::Value AccountPkceServiceImpl::ExchangeAuthKey(const std::string& token) {
 
 void AccountPkceServiceImpl::Login(const std::string& code, const std::string& code_verifier,
                                    const std::string& redirect_uri) {
+  const LoginLock one_at_a_time(login_waits_);
   RunPluginAction4(kLoginAction);
   client_.PkceLogin(code, code_verifier, redirect_uri);
   StoreAccount(ExchangeAuthKey(GetAccessTokenWithRescue()));
@@ -208,48 +252,54 @@ void AccountPkceServiceImpl::Login(const std::string& code, const std::string& c
 }
 
 void AccountPkceServiceImpl::Logout(AccessToken access_token) {
-  const User user;
-  if (!user.HasAccount()) {
-    ClearLocalAccount();
-    return;
+  EndLink(CurrentLink(), access_token);
+}
+
+void AccountPkceServiceImpl::LogoutLink(const LinkIdentity& link, AccessToken access_token) {
+  EndLink(link, access_token);
+}
+
+void AccountPkceServiceImpl::EndLink(const Link& link, AccessToken access_token) {
+  HttpForm form;
+  {
+    const LinkLock lock;
+    CheckLink(lock, link);
+    const User user;
+    if (!user.HasAccount()) {
+      Clear(lock);
+      return;
+    }
+    form = {{"serial_no", HosService::GetSerialNumber()},
+            {"id", user.Get(record::kZomiIdSerial)},
+            {"auth_key", user.Get(record::kHsAuthKey)}};
   }
-  HttpForm form = {{"serial_no", HosService::GetSerialNumber()},
-                   {"id", user.Get(record::kZomiIdSerial)},
-                   {"auth_key", user.Get(record::kHsAuthKey)}};
   if (access_token == AccessToken::kInclude) {
-    const std::string token = GetAccessTokenWithRescue();
+    const std::string token = GetTokenWithRescue(&PkceClient::GetAccessToken, link);
+    CheckLink(LinkLock(), link);  // the token may have been waited for, and be another link's
     if (!token.empty()) {
       form.emplace_back("access_token", token);
     }
   }
   CheckLogout(PostToAccount(kLogoutPath, GetLoginClientId(), std::move(form)));
-  ClearLocalAccount();
+  const LinkLock lock;
+  if (!link || !lock.HoldsAnother(*link)) {
+    Clear(lock);
+  }
 }
 
-void AccountPkceServiceImpl::ClearLocalAccount() {
-  const User user;
-  if (user.HasAccount()) {
-    LogError(Here(), "Logged out Veltrix Account: %s", user.Get(record::kZomiId).c_str());
-  } else {
-    LogError(Here(), "Logged out Veltrix Account");
-  }
-  (void)ZomiConfigRemove();
-  (void)RemoveReportJob();
-  (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedOutEvent, "", "", "", "");
-  ClearTokens();
-}
+void AccountPkceServiceImpl::ClearLocalAccount() { Clear(LinkLock()); }
 
 std::string AccountPkceServiceImpl::GetAccessTokenWithRescue() {
-  return GetTokenWithRescue(&PkceClient::GetAccessToken);
+  return GetTokenWithRescue(&PkceClient::GetAccessToken, CurrentLink());
 }
 
 std::string AccountPkceServiceImpl::GetIdTokenWithRescue() {
-  return GetTokenWithRescue(&PkceClient::GetIdToken);
+  return GetTokenWithRescue(&PkceClient::GetIdToken, CurrentLink());
 }
 
-std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read) {
+std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read, const Link& link) {
   if (!client_.HasToken() && !StoredAuthKey().empty()) {
-    GrantByAuthKey();
+    Grant(link);
   }
   try {
     return (client_.*read)();
@@ -258,19 +308,23 @@ std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read) {
       throw;
     }
   }
-  Rescue();
+  Rescue(link);
   return (client_.*read)();
 }
 
 // Without the access token, because reading it is what failed.
-void AccountPkceServiceImpl::Rescue() {
+void AccountPkceServiceImpl::Rescue(const Link& link) {
   LogError(Here(), "Rescue hos renew pkce token by authkey");
   try {
-    GrantByAuthKey();
+    Grant(link);
+    return;
+  } catch (const LinkChanged&) {
+    throw;
   } catch (const ZomiException&) {
-    LogError(Here(), "Failed to rescue by authkey, force logout");
-    Logout(AccessToken::kOmit);
+    CheckLink(LinkLock(), link);
   }
+  LogError(Here(), "Failed to rescue by authkey, force logout");
+  EndLink(link, AccessToken::kOmit);
 }
 
 }  // namespace nodelink

@@ -3,8 +3,10 @@
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
 
+#include "account/account_data.h"
 #include "account/account_service.h"
 #include "pkce/pkce_client.h"
 
@@ -29,8 +31,9 @@ class AccountPkceService {
   // in the record and tells the plug-ins. `code` came with the browser, `code_verifier` (43
   // characters) belongs to the challenge in the sign-in's address, and `redirect_uri` is what that
   // address named: "login_redirect_uri" of the configuration (pkce/pkce_config.h). When it fails
-  // after the tokens came, these stay and the record is as it was. Throws further the codes of
-  // AccountService::query, whose profile ends the login, and kAccountNotWritten.
+  // after the tokens came, these stay and the record is as it was. Logins run one at a time: waits
+  // 30 seconds at most for another one. Throws further the codes of AccountService::query, whose
+  // profile ends the login, kAccountNotWritten, and kGenericError when another login does not end.
   virtual void Login(const std::string& code, const std::string& code_verifier,
                      const std::string& redirect_uri) = 0;
 
@@ -43,7 +46,7 @@ class AccountPkceService {
 
   // Ends the link at the account server, then locally. When the server does not agree the device
   // stays linked, and its status word gives the code; a device without an account is cleared
-  // locally only.
+  // locally only. A link that another process made meanwhile is left alone.
   virtual void Logout(AccessToken access_token) = 0;
 
   // Removes the record, the report job and the token files. What cannot be removed is logged only.
@@ -72,11 +75,20 @@ class AccountPkceServiceImpl : public AccountService, public AccountPkceService 
   std::string GetAccessTokenWithRescue() override;
   std::string GetIdTokenWithRescue() override;
 
+  // As Logout, of that link only: throws ZomiException with kNoAccount,
+  // logged, when the record does not name it any more.
+  void LogoutLink(const LinkIdentity& link, AccessToken access_token);
+
  private:
   using TokenReader = std::string (PkceClient::*)();
 
-  std::string GetTokenWithRescue(TokenReader read);
-  void Rescue();
+  // The link that a flow acts for, as the record named it; nothing when that could not be read.
+  using Link = std::optional<LinkIdentity>;
+
+  void Grant(const Link& link);
+  void EndLink(const Link& link, AccessToken access_token);
+  std::string GetTokenWithRescue(TokenReader read, const Link& link);
+  void Rescue(const Link& link);
 
   PkceClient client_;
 };

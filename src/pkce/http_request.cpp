@@ -11,7 +11,7 @@ namespace nodelink {
 namespace {
 
 constexpr std::chrono::milliseconds kTimeout{30'000};
-constexpr std::size_t kLargestBody = 256 * 1024;
+constexpr std::size_t kLargestBody = 1024 * 1024;
 
 bool HasLineBreak(const std::string& value) {
   return value.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;

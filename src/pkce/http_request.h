@@ -26,7 +26,7 @@ struct HttpAnswer {
   int error_code = 0;         // of the transfer; 0 when an answer came, whatever its status
   std::string error_message;  // the transfer's
   int status = 0;             // HTTP status
-  std::string text;           // body, 256 KiB at most: a longer one is a transfer error
+  std::string text;           // body, 1 MiB at most: a longer one is a transfer error
 };
 
 // Posts `request`, within 30 seconds. Redirects are not followed, so that no token or key is sent

@@ -17,9 +17,16 @@
 #include "pkce/file_lock.h"
 #include "pkce/http_answer.h"
 #include "pkce/http_request.h"
+#include "pkce/token_request.h"
 #include "platform/hos_service.h"
 
 namespace nodelink {
+namespace {
+
+// What a null in the token file is: no token, but a time that is no number.
+enum class Null { kIsMissing, kIsEmpty };
+
+}  // namespace
 
 class PkceClientImpl {
  public:
@@ -29,14 +36,18 @@ class PkceClientImpl {
   bool HasToken() const;
   std::string GetToken(const char* key);
   void PkceLogin(const std::string& code, const std::string& code_verifier,
-                 const std::string& redirect_uri);
+                 const std::string& redirect_uri, const TokenRequest* asked_for);
+  TokenRequest RequestFor(const std::optional<LinkIdentity>& link) const;
 
  private:
   std::string GetTokenPath() const;
-  std::string ReadTokenValue(const std::string& key) const;
+  std::string ReadTokenValue(const std::string& key, Null null = Null::kIsMissing) const;
   std::int64_t GetExpireTime() const;
   bool IsExpired() const;
-  void SaveToken(const Json::Value& response) const;
+  TokenRequest RenewalRequest() const;
+  std::string StoredRefreshToken() const;
+  bool MayStore(const LinkLock& lock, const TokenRequest& asked_for) const;
+  void SaveToken(const Json::Value& response, const TokenRequest* asked_for) const;
   void RenewToken();
   std::string LockPath(const char* suffix) const { return AccountLockPath(name_ + suffix); }
   std::string ConfigText(const char* name) const;
@@ -74,7 +85,7 @@ class TokenLock {
 bool HasAllTokens(const Json::Value& response) {
   constexpr std::array kTokens = {"access_token", "id_token", "refresh_token"};
   for (const char* token : kTokens) {
-    if (!json::TextMember(response, token)) {
+    if (!json::FilledTextMember(response, token)) {
       return false;
     }
   }
@@ -98,7 +109,7 @@ void CheckRenewal(const HttpAnswer& answer, const Json::Value& response,
   if (!HasAllTokens(response)) {
     LogError(kTokenMissingSite, "Failed to RenewToken by [%s], resp=%s",
              refresh_token.substr(0, kLoggedTokenLength).c_str(),
-             response.toStyledString().c_str());
+             json::StyledText(response, kLongestMessage).c_str());
     throw ZomiException(kNoToken, AnswerText("parse renew token resp", answer));
   }
 }
@@ -113,7 +124,7 @@ std::string PkceClientImpl::ConfigText(const char* name) const {
   return json::TextMember(config_, name).value_or("");
 }
 
-std::string PkceClientImpl::ReadTokenValue(const std::string& key) const {
+std::string PkceClientImpl::ReadTokenValue(const std::string& key, Null null) const {
   if (!HasToken()) {
     throw ZomiException(kNoToken, "Failed to find an existed token file");
   }
@@ -122,7 +133,7 @@ std::string PkceClientImpl::ReadTokenValue(const std::string& key) const {
     throw ZomiException(kWrongJsonFormat);
   }
   const auto value = json::TextMember(tokens, key.c_str());
-  if (!value) {
+  if (!value || (null == Null::kIsMissing && tokens[key].isNull())) {
     throw ZomiException(kNoToken, "Failed to get key: " + key);
   }
   return *value;
@@ -130,8 +141,11 @@ std::string PkceClientImpl::ReadTokenValue(const std::string& key) const {
 
 // In 64 bits: a lifetime that a server gives may reach past the end of 32.
 std::int64_t PkceClientImpl::GetExpireTime() const {
-  const std::int64_t created_at = boost::lexical_cast<int>(ReadTokenValue("created_at"));
-  return created_at + boost::lexical_cast<int>(ReadTokenValue("expires_in"));
+  const auto seconds = [this](const char* key) {
+    return std::int64_t{boost::lexical_cast<int>(ReadTokenValue(key, Null::kIsEmpty))};
+  };
+  const std::int64_t created_at = seconds("created_at");
+  return created_at + seconds("expires_in");
 }
 
 bool PkceClientImpl::IsExpired() const { return GetExpireTime() < std::time(nullptr); }
@@ -144,11 +158,42 @@ std::string PkceClientImpl::GetToken(const char* key) {
   return ReadTokenValue(key);
 }
 
-void PkceClientImpl::SaveToken(const Json::Value& response) const {
+// Empty when there is none, or none that can be read.
+std::string PkceClientImpl::StoredRefreshToken() const {
+  Json::Value tokens;
+  return json::fromFile(GetTokenPath(), tokens)
+             ? json::TextMember(tokens, "refresh_token").value_or("")
+             : "";
+}
+
+TokenRequest PkceClientImpl::RequestFor(const std::optional<LinkIdentity>& link) const {
+  return {link, StoredRefreshToken()};
+}
+
+// The link and its tokens are read together: a login may replace both.
+TokenRequest PkceClientImpl::RenewalRequest() const {
+  const LinkLock lock;
+  const std::string refresh_token = ReadTokenValue("refresh_token");
+  return {lock.Link(), refresh_token};
+}
+
+// False when somebody has stored newer tokens of the same link.
+bool PkceClientImpl::MayStore(const LinkLock& lock, const TokenRequest& asked_for) const {
+  if (lock.Link() != asked_for.link) {
+    throw LinkChanged(Here());
+  }
+  const std::string stored = StoredRefreshToken();
+  return stored.empty() || stored == asked_for.refresh_token;
+}
+
+void PkceClientImpl::SaveToken(const Json::Value& response, const TokenRequest* asked_for) const {
   const TokenLock lock(LockPath("_save_token"));
   Json::Value tokens = response;
   tokens["created_at"] = static_cast<Json::Int64>(std::time(nullptr));
-  SaveJson(GetTokenPath(), tokens);
+  const LinkLock link;
+  if (asked_for == nullptr || MayStore(link, *asked_for)) {
+    SaveJson(GetTokenPath(), tokens);
+  }
 }
 
 HttpAnswer PkceClientImpl::Send(HttpForm form) const {
@@ -159,7 +204,7 @@ HttpAnswer PkceClientImpl::Send(HttpForm form) const {
 }
 
 void PkceClientImpl::PkceLogin(const std::string& code, const std::string& code_verifier,
-                               const std::string& redirect_uri) {
+                               const std::string& redirect_uri, const TokenRequest* asked_for) {
   const TokenLock lock(LockPath("_exchange_token"));
   const HttpAnswer answer = Send({{"grant_type", "authorization_code"},
                                   {"client_id", ConfigText("client_id")},
@@ -175,12 +220,13 @@ void PkceClientImpl::PkceLogin(const std::string& code, const std::string& code_
              code_verifier.c_str(), answer.text.c_str());
     throw ZomiException(kNoToken, AnswerText("parse exchange authkey resp", answer));
   }
-  SaveToken(response);
+  SaveToken(response, asked_for);
 }
 
 void PkceClientImpl::RenewToken() {
   const TokenLock lock(LockPath("_renew_token"));
-  const std::string refresh_token = ReadTokenValue("refresh_token");
+  const TokenRequest asked_for = RenewalRequest();
+  const std::string& refresh_token = asked_for.refresh_token;
   const HttpAnswer answer = Send({{"grant_type", "refresh_token"},
                                   {"refresh_token", refresh_token},
                                   {"client_id", ConfigText("client_id")}});
@@ -188,7 +234,7 @@ void PkceClientImpl::RenewToken() {
   Json::Value response;
   ParseJson(answer.text, response);
   CheckRenewal(answer, response, refresh_token);
-  SaveToken(response);
+  SaveToken(response, &asked_for);
 }
 
 PkceClient::PkceClient(const std::string& name) : impl_(std::make_unique<PkceClientImpl>(name)) {}
@@ -205,7 +251,16 @@ std::string PkceClient::GetIdToken() { return impl_->GetToken("id_token"); }
 
 void PkceClient::PkceLogin(const std::string& code, const std::string& code_verifier,
                            const std::string& redirect_uri) {
-  impl_->PkceLogin(code, code_verifier, redirect_uri);
+  impl_->PkceLogin(code, code_verifier, redirect_uri, nullptr);
+}
+
+void PkceClient::PkceLogin(const std::string& code, const std::string& code_verifier,
+                           const std::string& redirect_uri, const TokenRequest& asked_for) {
+  impl_->PkceLogin(code, code_verifier, redirect_uri, &asked_for);
+}
+
+TokenRequest PkceClient::RequestFor(const std::optional<LinkIdentity>& link) const {
+  return impl_->RequestFor(link);
 }
 
 }  // namespace nodelink

@@ -4,11 +4,14 @@
 #include <json/value.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace nodelink {
 
 class PkceClientImpl;
+struct LinkIdentity;
+struct TokenRequest;
 
 // Each operation but SetConfig and HasToken runs under a lock between processes, waited for 30
 // seconds at most; one that cannot be had throws ZomiException with kNoToken. On every failure the
@@ -32,7 +35,9 @@ class PkceClient {
   // stored, has passed. Throws ZomiException with kNoToken (no
   // token file, or no such member), kWrongJsonFormat (the file), kAuthFailed (the refresh token is
   // refused) or as the renewal's request fails; boost::bad_lexical_cast when the stored times are
-  // no whole numbers.
+  // no whole numbers. The server's answer is stored only while the record names the link that it was
+  // asked for, else dropped with kNoAccount; tokens that somebody stored meanwhile are newer and
+  // stay.
   std::string GetAccessToken();
   std::string GetIdToken();
 
@@ -42,6 +47,13 @@ class PkceClient {
   // kNoToken (a token is missing).
   void PkceLogin(const std::string& code, const std::string& code_verifier,
                  const std::string& redirect_uri);
+
+  // The same for a code that was granted to the link of `asked_for` (pkce/token_request.h).
+  void PkceLogin(const std::string& code, const std::string& code_verifier,
+                 const std::string& redirect_uri, const TokenRequest& asked_for);
+
+  // A request for tokens that is about to be made on behalf of `link`.
+  TokenRequest RequestFor(const std::optional<LinkIdentity>& link) const;
 
  private:
   std::unique_ptr<PkceClientImpl> impl_;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "account/account_data.h"
-#include "account/record_backup.h"
+#include "account/record_change.h"
 #include "account/record_test.h"
 #include "account/server_info.h"
 #include "account/user.h"
@@ -340,13 +340,7 @@ std::vector<GuardedFlow> GuardedFlows() {
       {"CredentialRead", "zomi_config_get", ReadCredentials, "0 0 ann pw", "-1 6  ", kRecord},
       {"Removal", "zomi_config_remove", [] { return ResultAndCode(ZomiConfigRemove()); }, "0 0",
        "-1 0", ""},
-      {"WholeRead", "account_data", ReadData, "0 ann", "-1 ", kRecord},
-      {"Backup", "record_backup",
-       [] {
-         const RecordBackup backup;
-         return std::string("read");
-       },
-       "read", "exception 6", kRecord},
+      {"WholeRead", "user", ReadData, "0 ann", "-1 ", kRecord},
   };
 }
 
@@ -439,16 +433,44 @@ TEST_F(PrivilegeGuardTest, UserDefinedHostThatCannotBeReadFallsBackToTheBuiltInO
                                             "host"}));
 }
 
-TEST_F(PrivilegeGuardTest, BackupIsRestoredWithDroppedPrivileges) {
+TEST_F(PrivilegeGuardTest, AChangeIsTakenBackWithDroppedPrivileges) {
   const std::string text = RunInChild([] {
     BecomeIds(kBothDropped);
-    const RecordBackup backup;
-    User().Set(record::kZomiId, "other");
-    return std::string(backup.Restore() ? "restored" : "lost");
+    const LinkLock lock;
+    RecordChange change;
+    change.Set(lock, record::kZomiId, std::string("other"));
+    change.Undo(lock);
+    return std::string("done");
   });
-  EXPECT_EQ(text, "restored");
+  EXPECT_EQ(text, "done");
   EXPECT_EQ(ReadRecord(), kRecord);
   EXPECT_EQ(RecordProtection(), "600 0:0");
+}
+
+// The setting of the key logs as ever; what the change adds to it does not.
+TEST_F(PrivilegeGuardTest, WhatAChangeDoesBesideTheWriteIsSilent) {
+  const std::string calls = RunInChild([] {
+    BecomeIds(kBothDropped);
+    const LinkLock lock;
+    RecordChange change;
+    change.Set(lock, record::kZomiId, std::string("other"));
+    return std::string("done");
+  });
+  EXPECT_EQ(calls, "done");
+  EXPECT_THAT(LogWithPriorities(),
+              testing::ElementsAreArray(
+                  WithFile("user", {"auth.info @ WARNING: setresgid(-1, 0, -1)",
+                                    "auth.info @ WARNING: setresuid(-1, 0, -1)",
+                                    "auth.info @ WARNING: setresuid(-1, 0, -1)"})));
+}
+
+TEST_F(PrivilegeGuardTest, ASilentSectionSaysNothingOfItsFailureEither) {
+  const std::string entered = RunInChild([] {
+    BecomeIds(kNoWayBack);
+    return std::string(RunPrivilegedSilently([] {}) ? "entered" : "refused");
+  });
+  EXPECT_EQ(entered, "refused");
+  EXPECT_THAT(Log(), IsEmpty());
 }
 
 }  // namespace

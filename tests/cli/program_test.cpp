@@ -98,7 +98,7 @@ TEST_F(ProgramTest, UserWithoutPrivilegesIsToldNothingOfTheAccount) {
   EXPECT_EQ(result.out, "Query account failed");
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_THAT(LogWithPriorities(),
-              Contains("auth.err account_data ERROR: setresgid(-1, 0, -1) [Operation not "
+              Contains("auth.err user ERROR: setresgid(-1, 0, -1) [Operation not "
                        "permitted]"));
 }
 

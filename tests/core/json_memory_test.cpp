@@ -36,5 +36,14 @@ TEST(JsonTextTest, IsWholeOrAnException) {
   EXPECT_GT(failures, 10);
 }
 
+TEST(JsonTextTest, IsCutAtItsLimit) {
+  Json::Value value;
+  value["list"].append("text");
+  const std::string whole = base::JsonText(value, "  ");
+  for (std::size_t limit = 0; limit <= whole.size() + 1; ++limit) {
+    EXPECT_EQ(base::JsonText(value, "  ", limit), whole.substr(0, limit));
+  }
+}
+
 }  // namespace
 }  // namespace nodelink

@@ -92,6 +92,36 @@ TEST_F(JsonTest, TooManyValuesAreNotRead) {
   EXPECT_TRUE(value.isNull());
 }
 
+TEST_F(JsonTest, SignsInTextsAndCommentsAreNoValues) {
+  const std::string signs(50'000, ',');
+  for (const std::string& text :
+       {"[\"" + signs + "[{\"]", "[\"\\\"" + signs + "\\\\\"]", "{\"" + signs + "\":1}",
+        "[1/*\"" + signs + "*/]", "//\"" + signs + "[\n[1]", "[1] // " + signs}) {
+    Json::Value value;
+    EXPECT_TRUE(fromString(text, value)) << text.substr(0, 10);
+  }
+}
+
+// A quote or a slash must not hide from the counting what the reader takes for values.
+TEST_F(JsonTest, ValuesBehindTextsAndCommentsCount) {
+  std::string ones = "1";
+  for (int count = 0; count < 10'001; ++count) ones += ",1";
+  for (const std::string& text :
+       {"[/*\"*/" + ones + "]", "[//\"\n" + ones + "]", "[//\"\r" + ones + "]",
+        "[\"\\\\\"," + ones + "]", "[\"//\"," + ones + "]", "[\"/*\"," + ones + "]",
+        "[/**/" + ones + "]", "[\"" + std::string(1, '\\') + "\"\"," + ones + "]"}) {
+    Json::Value value;
+    EXPECT_FALSE(fromString(text, value)) << text.substr(0, 10);
+  }
+}
+
+TEST_F(JsonTest, CutCommentsAndTextsEndTheCounting) {
+  for (const char* text : {"/", "/*", "/*/", "//", "\"", "\"\\", "[/", "[/x", "[1]/", "/\"[1]"}) {
+    Json::Value value;
+    EXPECT_FALSE(fromString(text, value)) << text;
+  }
+}
+
 TEST_F(JsonTest, EveryCutOfATextIsRefusedOrRead) {
   const std::string text = R"({"a":{"b":[1,-2.5e3,"x\u00e9\n",true,false,null]},"c":""})";
   for (std::size_t length = 0; length < text.size(); ++length) {
@@ -114,6 +144,39 @@ TEST_F(JsonTest, NulInsideATextIsKept) {
 TEST_F(JsonTest, MissingFileDoesNotParse) {
   Json::Value value;
   EXPECT_FALSE(fromFile("/tmp/json_test/none.json", value));
+}
+
+// What is written must be read again.
+TEST_F(JsonTest, AFileThatWouldNotBeReadIsNotWritten) {
+  ASSERT_TRUE(toFile(Parsed("{\"a\":1}"), kFile));
+  const std::string before = test_files::Read(kFile);
+  std::string deep;  // 4 kB, of which the indentation makes 18 MB
+  for (int count = 0; count < 9; ++count) deep += Nested(990) + ",";
+  EXPECT_FALSE(toFile(Parsed("[" + deep + "1]"), kFile));
+  EXPECT_FALSE(toFile(Json::Value(std::string(kMebibyte - 2, 'x')), kFile));
+  Json::Value list(Json::arrayValue);
+  for (int count = 0; count < 10'001; ++count) list.append(1);
+  EXPECT_FALSE(toFile(list, kFile));
+  EXPECT_EQ(test_files::Read(kFile), before);
+}
+
+TEST_F(JsonTest, TheLargestFileThatIsWrittenIsRead) {
+  for (const std::size_t size : {kMebibyte - 3, kMebibyte - 4}) {
+    ASSERT_TRUE(toFile(Json::Value(std::string(size, 'x')), kFile));
+    Json::Value value;
+    EXPECT_TRUE(fromFile(kFile, value));
+  }
+  Json::Value list(Json::arrayValue);
+  for (int count = 0; count < 10'000; ++count) list.append(1);
+  ASSERT_TRUE(toFile(list, kFile));
+  Json::Value value;
+  EXPECT_TRUE(fromFile(kFile, value));
+}
+
+TEST_F(JsonTest, StyledTextIsTheLibrarysUpToTheLimit) {
+  const Json::Value value = Parsed("/* c */ {\"a\": [1, \"\xc3\xa9\", {}]} // d");
+  EXPECT_EQ(StyledText(value, 1000), value.toStyledString());
+  EXPECT_EQ(StyledText(value, 5).size(), 7U) << "with the line breaks around it";
 }
 
 TEST_F(JsonTest, FolderAndFifoAreNoFilesToParse) {
@@ -200,16 +263,31 @@ TEST_F(JsonTest, ObjectMemberReadsObjects) {
 }
 
 TEST_F(JsonTest, MembersOfAnotherTypeCountAsMissing) {
-  for (const char* name : {"null", "object", "list", "none"}) {
+  for (const char* name : {"object", "list", "none"}) {
     EXPECT_EQ(TextMember(Zoo(), name), std::nullopt) << name;
+    EXPECT_EQ(FilledTextMember(Zoo(), name), std::nullopt) << name;
     EXPECT_EQ(BoolMember(Zoo(), name), std::nullopt) << name;
   }
   for (const char* name : {"text", "empty"}) {
     EXPECT_EQ(BoolMember(Zoo(), name), std::nullopt) << name;
   }
-  for (const char* name : {"text", "number", "yes", "null", "list", "none"}) {
+  for (const char* name : {"text", "number", "yes", "list", "none"}) {
     EXPECT_EQ(ObjectMember(Zoo(), name), nullptr) << name;
   }
+}
+
+TEST_F(JsonTest, ANullMemberIsThereAndEmpty) {
+  EXPECT_EQ(TextMember(Zoo(), "null"), "");
+  EXPECT_EQ(BoolMember(Zoo(), "null"), false);
+  ASSERT_NE(ObjectMember(Zoo(), "null"), nullptr);
+  EXPECT_TRUE(ObjectMember(Zoo(), "null")->empty());
+}
+
+TEST_F(JsonTest, ATextThatMustSaySomethingIsNeitherNullNorEmpty) {
+  EXPECT_EQ(FilledTextMember(Zoo(), "null"), std::nullopt);
+  EXPECT_EQ(FilledTextMember(Zoo(), "empty"), std::nullopt);
+  EXPECT_EQ(FilledTextMember(Zoo(), "text"), TextMember(Zoo(), "text"));
+  EXPECT_EQ(FilledTextMember(Zoo(), "number"), TextMember(Zoo(), "number"));
 }
 
 TEST_F(JsonTest, ValueThatIsNoObjectHasNoMembers) {

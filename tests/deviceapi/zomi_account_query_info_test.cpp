@@ -439,11 +439,6 @@ TEST_P(RequiredMemberTest, Missing) {
   ExpectInsufficient();
 }
 
-TEST_P(RequiredMemberTest, Null) {
-  AnswerWith(GetParam(), Json::nullValue);
-  ExpectInsufficient();
-}
-
 TEST_P(RequiredMemberTest, AList) {
   AnswerWith(GetParam(), Parsed(R"(["good", true])"));
   ExpectInsufficient();
@@ -493,6 +488,11 @@ TEST_P(TextMemberTest, AnEmptyTextIsStored) {
   EXPECT_EQ(Stored(GetParam().key), "");
 }
 
+TEST_P(TextMemberTest, NullIsAnEmptyText) {
+  AnswerWith(GetParam().member, Json::nullValue);
+  EXPECT_EQ(Stored(GetParam().key), "");
+}
+
 TEST_P(TextMemberTest, ALineBreakIsRefused) {
   AnswerWith(GetParam().member, "Eve\nhs_auth_key=\"stolen");
   ExpectFailure(nodelink::kAccountNotWritten);
@@ -526,6 +526,11 @@ TEST_P(FlagMemberTest, ATextCountsAsMissing) {
   ExpectInsufficient();
 }
 
+TEST_P(FlagMemberTest, NullIsFalse) {
+  AnswerWith(GetParam(), Json::nullValue);
+  EXPECT_EQ(Stored(GetParam()), "no");
+}
+
 TEST_P(FlagMemberTest, AHugeNumberIsTrue) {
   AnswerWith(GetParam(), 1e300);
   EXPECT_EQ(Stored(GetParam()), "yes");
@@ -544,10 +549,27 @@ TEST_P(BadVersionsTest, CountAsMissing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, BadVersionsTest,
-                         testing::Values("\"a,b\"", "7", "true", "[]", "null",
+                         testing::Values("\"a,b\"", "7", "true", "[]",
                                          R"({"a": true, "b": "true"})", R"({"a": 1})",
-                                         R"({"a": null})", R"({"a": {"b": true}})"),
+                                         R"({"a": {"b": true}})"),
                          kRowNumber);
+
+TEST_F(AnswerTest, NullAsTheVersionsIsNoVersion) {
+  AnswerWith("critical_version_list", Json::nullValue);
+  EXPECT_EQ(Stored("critical_version_list"), "");
+  EXPECT_EQ(Stored("critical_version_domain"), "");
+}
+
+TEST_F(AnswerTest, NullAsAVersionIsFalse) {
+  AnswerWith("critical_version_list", Parsed(R"({"a": null, "b": true})"));
+  EXPECT_EQ(Stored("critical_version_list"), "b");
+  EXPECT_EQ(Stored("critical_version_domain"), "a,b");
+}
+
+TEST_F(AnswerTest, NullAsTheVerdictIsAnUnknownWord) {
+  AnswerWith("code", Json::nullValue);
+  ExpectFailure(nodelink::kGenericError);
+}
 
 TEST_F(AnswerTest, WithoutAScheduleTheStoredOneStays) {
   AnswerWithout("report_cron_timestring");
@@ -602,13 +624,13 @@ class LargeAnswerTest : public AnswerTest {
 };
 
 TEST_F(LargeAnswerTest, ANameThatFillsIt) {
-  AnswerWith("full_name", std::string(256 * 1024 - 600, 'n'));
+  AnswerWith("full_name", std::string(1024 * 1024 - 600, 'n'));
   ExpectTheNextQueryWorks();
 }
 
 TEST_F(LargeAnswerTest, AVersionNameThatFillsIt) {
   Json::Value versions;
-  versions[std::string(256 * 1024 - 600, 'v')] = true;  // stored in two keys
+  versions[std::string(1024 * 1024 - 600, 'v')] = true;  // stored in two keys
   AnswerWith("critical_version_list", versions);
   ExpectTheNextQueryWorks();
 }
@@ -1020,7 +1042,7 @@ TEST_F(PrivilegeTest, ThatCannotBeRaisedLeaveNoAccount) {
   EXPECT_EQ(QueryAs(kUser, Refresh::kYes), "-1 3 ");
   EXPECT_EQ(Requests(), 0U);
   EXPECT_EQ(ReadRecord(), old_record_);
-  EXPECT_THAT(Log(), Contains("account_data Change permission failed"));
+  EXPECT_THAT(Log(), Contains("user Change permission failed"));
   EXPECT_THAT(Log(), Not(Contains(StartsWith(kFile))));
 }
 

@@ -35,7 +35,7 @@ using testing::UnorderedElementsAre;
 constexpr char kGood[] = R"({"code":"good"})";
 constexpr char kFile[] = "zomi_https_req_send ";
 constexpr char kAgent[] = "zomi HOS/7.2.1 (NX220)";
-constexpr std::size_t kLargestBody = 256 * 1024;
+constexpr std::size_t kLargestBody = 1024 * 1024;
 
 std::string ErrorText(CURLcode code) {
   return "code=" + std::to_string(code) + ", err=" + curl_easy_strerror(code);

@@ -272,6 +272,12 @@ TEST_F(ReportTest, TheTextThatIsNoJsonIsLogged) {
   EXPECT_THAT(Log(), ElementsAre("zomi_report_info Failed to parse json: <html>%s%n</html>"));
 }
 
+TEST_F(ReportTest, NullAsTheVerdictIsAnUnknownWord) {
+  AnswerReport(R"({"code":null})");
+  ExpectFailure(kGenericError);
+  ExpectStillLinked();
+}
+
 TEST_F(ReportTest, AnAnswerOfStatus400IsReadToo) {
   server_.Answer(kReportPath, 400, R"({"code":"badparam"})");
   ExpectFailure(kWrongParameters);
@@ -293,7 +299,6 @@ INSTANTIATE_TEST_SUITE_P(Objects, NoVerdictTest,
                          testing::ValuesIn(std::vector<NamedText>{
                              {"Empty", "{}"},
                              {"OnlyASchedule", R"({"report_cron_timestring":"9 9 * * *"})"},
-                             {"CodeNull", R"({"code":null})"},
                              {"CodeObject", R"({"code":{"good":1}})"},
                              {"CodeList", R"({"code":["good"]})"},
                          }),
@@ -383,16 +388,18 @@ TEST_F(ReportTest, AScheduleIsStoredWhateverTheVerdict) {
 
 class HostileScheduleTest : public ReportTest, public testing::WithParamInterface<NamedText> {};
 
-TEST_P(HostileScheduleTest, IsNotWrittenAndEndsTheReport) {
-  for (const char* word : {"good", "badauth", "badsys"}) {
-    AnswerReport(R"({"code":")" + std::string(word) + R"(","report_cron_timestring":")" +
-                 GetParam().text + "\"}");
-    ExpectFailure(kAccountNotWritten);
-    EXPECT_THAT(Log(), Contains(StartsWith("user Failed to set zomi config for "
-                                           "report_cron_timestring:")));
-    ExpectStillLinked();
-    EXPECT_EQ(platform().call_count("ConfigManager::Save"), 0U);
-  }
+TEST_P(HostileScheduleTest, IsNotWrittenAndTheVerdictStands) {
+  AnswerReport(R"({"code":"good","report_cron_timestring":")" + GetParam().text + "\"}");
+  ExpectSuccess();
+  EXPECT_THAT(Log(), ElementsAre(StartsWith("user Failed to set zomi config for "
+                                            "report_cron_timestring:"),
+                                 StartsWith("zomi_report_info Failed to set user: System error "
+                                            "[code=19]\n")));
+  EXPECT_EQ(Schedule(), "1 2 * * *");
+  ExpectStillLinked();
+  AnswerReport(R"({"code":"badsys","report_cron_timestring":")" + GetParam().text + "\"}");
+  ExpectFailure(kSystemError);
+  ExpectStillLinked();
 }
 
 INSTANTIATE_TEST_SUITE_P(All, HostileScheduleTest,
@@ -420,20 +427,26 @@ TEST_P(ScheduleTypeTest, WhatIsNoTextCountsAsMissing) {
   EXPECT_EQ(Schedule(), "1 2 * * *");
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ScheduleTypeTest, testing::ValuesIn(session::JsonThatIsNoText()),
+INSTANTIATE_TEST_SUITE_P(All, ScheduleTypeTest,
+                         testing::ValuesIn(std::vector<NamedText>{
+                             {"Object", R"({"a":"b"})"}, {"List", R"(["a"])"}}),
                          session::NameOf);
 
 TEST_F(ReportTest, AnEmptyScheduleIsTheDefault) {
-  AnswerReport(R"({"code":"good","report_cron_timestring":""})");
-  ExpectSuccess();
-  EXPECT_EQ(Schedule(), "~ 9~16 * * 1~5");
+  for (const char* schedule : {"\"\"", "null"}) {
+    WriteRecord(session::kLinkedRecord);
+    AnswerReport(R"({"code":"good","report_cron_timestring":)" + std::string(schedule) + "}");
+    ExpectSuccess();
+    EXPECT_EQ(Schedule(), "~ 9~16 * * 1~5");
+  }
 }
 
-TEST_F(ReportTest, AScheduleThatCannotBeWrittenEndsTheReport) {
+TEST_F(ReportTest, AScheduleThatCannotBeWrittenDoesNotKeepTheVerdictBack) {
   AnswerReport(R"({"code":"badauth","report_cron_timestring":"7 7 * * *"})");
   platform().FailNext("KLIBCFileSetKeyValue");
-  ExpectFailure(kAccountNotWritten);
-  ExpectStillLinked();
+  ExpectFailure(kAuthFailed);
+  EXPECT_THAT(platform().notifications, testing::SizeIs(1));
+  EXPECT_FALSE(HasRecord());
 }
 
 // --- refusals -------------------------------------------------------------------------------

@@ -358,6 +358,7 @@ std::vector<BadAnswer> BadGrants() {
     answers.push_back(
         Failing("Code" + text.name, 200, R"({"grant_code":)" + text.text + "}", 5, unreadable));
   }
+  answers.push_back(Failing("CodeEmpty", 200, R"({"grant_code":""})", 5, unreadable));
   AppendNoJson(answers);
   return answers;
 }
@@ -434,7 +435,7 @@ TEST_F(AuthKeyExchangeTest, GivesTheWholeAnswer) {
 }
 
 TEST_F(AuthKeyExchangeTest, MembersOfAnyTypeAreThere) {
-  server_.Answer(kExchangePath, 200, R"({"user_id":4711,"auth_key":null})");
+  server_.Answer(kExchangePath, 200, R"({"user_id":4711,"auth_key":{}})");
   EXPECT_EQ(Exchange()["user_id"], 4711);
 }
 
@@ -491,7 +492,11 @@ std::vector<BadAnswer> BadIdentities() {
       Failing("Redirect", 308, kIdentityAnswer, 5, refused),
       IncompleteIdentity("EmptyObject", "{}"),
       IncompleteIdentity("NoUserId", R"({"auth_key":"k"})"),
-      IncompleteIdentity("NoAuthKey", R"({"user_id":"u"})")};
+      IncompleteIdentity("NoAuthKey", R"({"user_id":"u"})"),
+      IncompleteIdentity("UserIdNull", R"({"user_id":null,"auth_key":"k"})"),
+      IncompleteIdentity("UserIdEmpty", R"({"user_id":"","auth_key":"k"})"),
+      IncompleteIdentity("AuthKeyNull", R"({"user_id":"u","auth_key":null})"),
+      IncompleteIdentity("AuthKeyEmpty", R"({"user_id":"u","auth_key":""})")};
   for (const NamedText& text : session::JsonThatIsNoObject()) {
     answers.push_back(IncompleteIdentity("NoObject" + text.name, text.text));
   }
@@ -638,7 +643,8 @@ std::vector<LateFailure> LateFailures() {
       {"ExchangeIncomplete", kExchangePath, {.body = R"({"user_id":"u"})"}, 22},
       {"ExchangeRedirects", kExchangePath, {.status = 302, .body = kIdentityAnswer}, 5},
       {"ExchangeDropped", kExchangePath, {.fault = {.delivery = Delivery::kDrop}}, 5},
-      {"UserIdNull", kExchangePath, {.body = R"({"user_id":null,"auth_key":"k"})"}, 5},
+      {"UserIdNull", kExchangePath, {.body = R"({"user_id":null,"auth_key":"k"})"}, 22},
+      {"UserIdList", kExchangePath, {.body = R"({"user_id":["u"],"auth_key":"k"})"}, 5},
       {"AuthKeyObject", kExchangePath, {.body = R"({"user_id":"u","auth_key":{}})"}, 5},
       {"UserIdWithLineBreak",
        kExchangePath,
@@ -859,8 +865,6 @@ INSTANTIATE_TEST_SUITE_P(All, GoodLogoutTest,
                              {"UserId", R"({"code":"account_userid"})"},
                              {"MoreThanGood", R"({"code":"goodness","other":1})"},
                              {"NoCode", "{}"},
-                             {"CodeNull", R"({"code":null})"},
-                             {"CodeObject", R"({"code":{"good":"good"}})"},
                          }),
                          session::NameOf);
 
@@ -894,8 +898,13 @@ std::vector<BadAnswer> BadLogouts() {
                        {.body = R"({"code":")" + word + "\"}"},
                        {code, "Failed to logout with success code"}});
   }
-  answers.push_back(
-      {"NumberAsCode", {.body = R"({"code":0})"}, {24, "Failed to logout with success code"}});
+  const std::vector<NamedText> odd_codes = {
+      {"Number", "0"}, {"Null", "null"}, {"Object", R"({"good":"good"})"}, {"List", R"(["good"])"}};
+  for (const auto& [name, code] : odd_codes) {
+    answers.push_back({name + "AsCode",
+                       {.body = R"({"code":)" + code + "}"},
+                       {24, "Failed to logout with success code"}});
+  }
   AppendNoJson(answers);
   return answers;
 }

@@ -20,7 +20,7 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr char kPath[] = "/post";
-constexpr std::size_t kLargestBody = 256 * 1024;
+constexpr std::size_t kLargestBody = 1024 * 1024;
 
 class HttpRequestTest : public SessionTest {
  protected:

@@ -110,7 +110,9 @@ SessionTest::~SessionTest() {
   ServerConfigFails() = false;
   for (const auto& entry : std::filesystem::directory_iterator(session::kPrivateFolder)) {
     const std::string name = entry.path().filename();
-    EXPECT_TRUE(name == "user.conf" || name.ends_with("_token.json")) << name << " was left";
+    EXPECT_TRUE(name == "user.conf" || name.ends_with("_token.json") || name == ".link.lock" ||
+                name == ".login.lock")
+        << name << " was left";
   }
 }
 

@@ -41,6 +41,11 @@ void VendorServer::AnswerInTurn(const std::string& path,
   answers_[path].assign(responses.begin(), responses.end());
 }
 
+void VendorServer::Meanwhile(const std::string& path, std::function<void()> event) {
+  const std::lock_guard lock(mutex_);
+  events_[path] = std::move(event);
+}
+
 void VendorServer::Show(devcloud::TlsChoice choice) {
   server_.SetTls(devcloud::MakeTlsSettings(authority_, Names(), choice));
 }
@@ -71,6 +76,9 @@ devcloud::Request VendorServer::OnlyRequest(const std::string& path) const {
 
 devcloud::Response VendorServer::Handle(const devcloud::Request& request) {
   const std::lock_guard lock(mutex_);
+  if (const auto event = events_.extract(request.path)) {
+    event.mapped()();
+  }
   const auto found = answers_.find(request.path);
   if (found == answers_.end() || found->second.empty()) {
     return {.status = 404, .body = "nothing here"};

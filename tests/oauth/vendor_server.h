@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -25,6 +26,9 @@ class VendorServer {
   // The answers to the next requests of `path`, in turn; the last one stays.
   void AnswerInTurn(const std::string& path, const std::vector<devcloud::Response>& responses);
 
+  // What happens in the world while the next request of `path` waits for its answer.
+  void Meanwhile(const std::string& path, std::function<void()> event);
+
   // A new certificate and TLS version for the connections from now on.
   void Show(devcloud::TlsChoice choice);
 
@@ -44,7 +48,8 @@ class VendorServer {
   devcloud::Response Handle(const devcloud::Request& request);
 
   const devcloud::Authority authority_;
-  std::mutex mutex_;  // of answers_, which connections' threads use
+  std::mutex mutex_;  // of what follows, which connections' threads use
   std::map<std::string, std::deque<devcloud::Response>> answers_;
+  std::map<std::string, std::function<void()>> events_;
   devcloud::HttpsServer server_;
 };

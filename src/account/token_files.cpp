@@ -1,0 +1,85 @@
+#include "account/token_files.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "account/privilege_guard.h"
+#include "account/record_keys.h"
+#include "base/atomic_replace.h"
+
+namespace nodelink {
+namespace {
+
+bool IsTokenFile(std::string_view name) {
+  return name.ends_with("_token.json") && !name.starts_with('.');
+}
+
+bool IsOfTheAccount(std::string_view name) {
+  return name == base::FileNameOf(record::kPath) || IsTokenFile(name);
+}
+
+std::vector<std::string> TokenFiles() {
+  std::vector<std::string> names;
+  std::error_code failure;
+  for (std::filesystem::directory_iterator entry(record::kFolder, failure), end;
+       !failure && entry != end; entry.increment(failure)) {
+    const std::string name = entry->path().filename();
+    if (IsTokenFile(name)) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+std::string PathOf(const std::string& name) { return record::kFolder + name; }
+
+std::string AsideOf(const std::string& name) {
+  return record::kFolder + base::TemporaryPrefix(name) + "aside";
+}
+
+}  // namespace
+
+TokensSetAside::TokensSetAside(const LinkLock& /*lock*/) {
+  (void)RunPrivilegedSilently([this] {
+    names_ = TokenFiles();
+    for (const std::string& name : names_) {
+      std::rename(PathOf(name).c_str(), AsideOf(name).c_str());
+    }
+  });
+}
+
+TokensSetAside::~TokensSetAside() {
+  if (names_.empty()) {
+    return;
+  }
+  (void)RunPrivilegedSilently([this] {
+    for (const std::string& name : names_) {
+      std::rename(AsideOf(name).c_str(), PathOf(name).c_str());
+    }
+  });
+}
+
+void TokensSetAside::Drop() {
+  (void)RunPrivilegedSilently([this] {
+    for (const std::string& name : names_) {
+      unlink(AsideOf(name).c_str());
+    }
+    base::FlushFolderOf(record::kPath);
+  });
+  names_.clear();
+}
+
+void RemoveAccountLeftovers(const LinkLock& /*lock*/) {
+  (void)RunPrivilegedSilently([] {
+    const base::UniqueFd folder = base::LockFolderOf(record::kPath);
+    if (folder) {
+      base::RemoveLeftovers(folder, IsOfTheAccount);
+    }
+  });
+}
+
+}  // namespace nodelink
