@@ -17,7 +17,7 @@
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
 #include "property.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace fuzz {
 namespace {

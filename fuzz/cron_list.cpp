@@ -10,7 +10,7 @@
 #include "kivo/crond.h"
 #include "property.h"
 #include "schedule.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include "kivo/crond.h"
 #include "property.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

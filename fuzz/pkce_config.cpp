@@ -7,7 +7,7 @@
 #include "core/zomi_exception.h"
 #include "fake_hos/fake_hos.h"
 #include "property.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include "account/user.h"
 #include "fake_hos/fake_hos.h"
 #include "property.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

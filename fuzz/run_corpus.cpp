@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "property.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 #!/bin/bash
-# shellcheck disable=SC2034,SC2154  # read by lab/torture, beside lab/flows.sh
+# shellcheck disable=SC2034,SC2154  # read by lab/torture.sh, beside lab/flows.sh
 # Fails one allocation of the programs after another, and all from there on.
 #
 # A case is "FLOW N HOW": in FLOW the Nth allocation fails, and when HOW is "rest" every later one.

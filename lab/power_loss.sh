@@ -1,5 +1,5 @@
 #!/bin/bash
-# shellcheck disable=SC2034,SC2154  # read by lab/torture, beside lab/flows.sh
+# shellcheck disable=SC2034,SC2154  # read by lab/torture.sh, beside lab/flows.sh
 # Cuts the power at every moment of a flow, keeps what was made durable, drops the rest, and checks
 # that each file of the device's state is then the old or the new one.
 #

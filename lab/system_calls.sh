@@ -1,5 +1,5 @@
 #!/bin/bash
-# shellcheck disable=SC2034,SC2154  # read by lab/torture, beside lab/flows.sh
+# shellcheck disable=SC2034,SC2154  # read by lab/torture.sh, beside lab/flows.sh
 # Fails and kills the programs at one system call after another.
 #
 # A case is "FLOW SYSCALL N ERRNO": in FLOW, the Nth SYSCALL of each process and thread fails with

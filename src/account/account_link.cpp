@@ -31,6 +31,11 @@ void WriteWhole(const LinkLock& lock, const std::string& old_serial, const LinkI
 
 }  // namespace
 
+bool IsEndedLink(const LinkLock& lock, const LinkIdentity& link,
+                 const std::optional<LinkIdentity>& link_before) {
+  return link == link_before && !lock.Holds(link);
+}
+
 void WriteAccountLink(const LinkLock& lock, RecordChange& change, const LinkIdentity& link) {
   Write(lock, change, User().Get(record::kZomiIdSerial), link);
 }

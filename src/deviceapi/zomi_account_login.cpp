@@ -1,6 +1,7 @@
 #include "deviceapi/zomi_account_login.h"
 
 #include <array>
+#include <optional>
 
 #include "account/account_link.h"
 #include "account/link_lock.h"
@@ -168,9 +169,22 @@ int ReadLink(const Answer& answer, LinkIdentity& link) {
   return 0;
 }
 
-int StoreLink(const LinkIdentity& link) {
+// Nothing when it cannot be told.
+std::optional<LinkIdentity> CurrentLink() {
   try {
-    ReplaceAccountLink(LinkLock(), link);
+    return LinkLock().Link();
+  } catch (const ZomiException&) {
+    return std::nullopt;
+  }
+}
+
+int StoreLink(const LinkIdentity& link, const std::optional<LinkIdentity>& link_before) {
+  try {
+    const LinkLock lock;
+    if (IsEndedLink(lock, link, link_before)) {
+      return FailLinkChanged(Here());
+    }
+    ReplaceAccountLink(lock, link);
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to set user: %s", failure.what());
@@ -237,9 +251,12 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
   Attempt attempt{identifier, quick, "", nullptr};
   Answer answer;
   LinkIdentity link;
-  if (Prepare(password, attempt) < 0 || AskForLogin(attempt, answer) < 0 ||
-      ReadLink(answer, link) < 0 || StoreLink(link) < 0 ||
-      FollowUp(identifier, link, plugin) < 0) {
+  if (Prepare(password, attempt) < 0) {
+    return -1;
+  }
+  const std::optional<LinkIdentity> link_before = CurrentLink();
+  if (AskForLogin(attempt, answer) < 0 || ReadLink(answer, link) < 0 ||
+      StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) {
     return -1;
   }
   result = answer.json;

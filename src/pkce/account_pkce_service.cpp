@@ -139,19 +139,24 @@ std::string StoredAuthKey() {
 
 std::optional<LinkIdentity> CurrentLink() { return LinkLock().Link(); }
 
-void StoreIdentity(RecordChange& change, const Json::Value& identity) {
+void StoreIdentity(RecordChange& change, const Json::Value& identity,
+                   const std::optional<LinkIdentity>& link_before) {
   const auto id = json::FilledTextMember(identity, "user_id");
   const auto auth_key = json::FilledTextMember(identity, "auth_key");
   if (!id || !auth_key) {
     throw ZomiException(kBadResponse);
   }
+  const LinkIdentity link = {*id, *auth_key};
   const LinkLock lock;
+  if (IsEndedLink(lock, link, link_before)) {
+    throw LinkChanged(Here());
+  }
   const ServerInfo servers;
   const std::string account_host = servers.AccountHost();
   const std::string identity_host = servers.IdentityHost();
   change.Set(lock, record::kAccountHost, account_host);
   change.Set(lock, record::kIdentityHost, identity_host);
-  WriteAccountLink(lock, change, {*id, *auth_key});
+  WriteAccountLink(lock, change, link);
 }
 
 // The profile query fills the rest of the record; it needs the identity to be there.
@@ -164,10 +169,10 @@ std::string QueryEmail(RecordChange& change) {
   return account["email"].asString();
 }
 
-void StoreAccount(const Json::Value& identity) {
+void StoreAccount(const Json::Value& identity, const std::optional<LinkIdentity>& link_before) {
   RecordChange change(Removal::kIsUndone);
   try {
-    StoreIdentity(change, identity);
+    StoreIdentity(change, identity, link_before);
     LogError(Here(), "Logged in Veltrix Account as [%s]", QueryEmail(change).c_str());
   } catch (const ZomiException&) {
     change.Undo(LinkLock());
@@ -210,12 +215,11 @@ AccountPkceServiceImpl::AccountPkceServiceImpl() : client_(kClientName) {
   client_.SetConfig(LoadPkceLoginConfig());
 }
 
-void AccountPkceServiceImpl::GrantByAuthKey() { Grant(CurrentLink()); }
+void AccountPkceServiceImpl::GrantByAuthKey() { Grant(client_.RequestFor(CurrentLink())); }
 
-void AccountPkceServiceImpl::Grant(const Link& link) {
+void AccountPkceServiceImpl::Grant(const TokenRequest& asked_for) {
   const Json::Value config = LoadPkceLoginConfig();
   const CodePair pair = MakeCodePair();
-  const TokenRequest asked_for = client_.RequestFor(link);
   const HttpAnswer answer =
       PostToAccount(kGrantPath, config["client_id"].asString(), GrantForm(config, pair));
   client_.PkceLogin(ReadGrantCode(answer), pair.verifier, config["login_redirect_uri"].asString(),
@@ -245,9 +249,10 @@ Json::Value AccountPkceServiceImpl::ExchangeAuthKey(const std::string& token) {
 void AccountPkceServiceImpl::Login(const std::string& code, const std::string& code_verifier,
                                    const std::string& redirect_uri) {
   const LoginLock one_at_a_time(login_waits_);
+  const Link link_before = CurrentLink();
   RunPluginAction4(kLoginAction);
   client_.PkceLogin(code, code_verifier, redirect_uri);
-  StoreAccount(ExchangeAuthKey(GetAccessTokenWithRescue()));
+  StoreAccount(ExchangeAuthKey(GetAccessTokenWithRescue()), link_before);
   RunPluginAction5(kLoginAction);
 }
 
@@ -297,9 +302,12 @@ std::string AccountPkceServiceImpl::GetIdTokenWithRescue() {
   return GetTokenWithRescue(&PkceClient::GetIdToken, CurrentLink());
 }
 
+// What is granted takes the place of the tokens that are here now, not of others that come while
+// these are tried.
 std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read, const Link& link) {
+  const TokenRequest asked_for = client_.RequestFor(link);
   if (!client_.HasToken() && !StoredAuthKey().empty()) {
-    Grant(link);
+    Grant(asked_for);
   }
   try {
     return (client_.*read)();
@@ -308,23 +316,23 @@ std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read, const L
       throw;
     }
   }
-  Rescue(link);
+  Rescue(asked_for);
   return (client_.*read)();
 }
 
 // Without the access token, because reading it is what failed.
-void AccountPkceServiceImpl::Rescue(const Link& link) {
+void AccountPkceServiceImpl::Rescue(const TokenRequest& asked_for) {
   LogError(Here(), "Rescue hos renew pkce token by authkey");
   try {
-    Grant(link);
+    Grant(asked_for);
     return;
   } catch (const LinkChanged&) {
     throw;
   } catch (const ZomiException&) {
-    CheckLink(LinkLock(), link);
+    CheckLink(LinkLock(), asked_for.link);
   }
   LogError(Here(), "Failed to rescue by authkey, force logout");
-  EndLink(link, AccessToken::kOmit);
+  EndLink(asked_for.link, AccessToken::kOmit);
 }
 
 }  // namespace nodelink

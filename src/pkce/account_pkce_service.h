@@ -12,6 +12,8 @@
 
 namespace nodelink {
 
+struct TokenRequest;
+
 // Whether the logout request carries the device's access token.
 enum class AccessToken { kOmit, kInclude };
 
@@ -85,10 +87,10 @@ class AccountPkceServiceImpl : public AccountService, public AccountPkceService 
   // The link that a flow acts for, as the record named it; nothing when that could not be read.
   using Link = std::optional<LinkIdentity>;
 
-  void Grant(const Link& link);
+  void Grant(const TokenRequest& asked_for);
   void EndLink(const Link& link, AccessToken access_token);
   std::string GetTokenWithRescue(TokenReader read, const Link& link);
-  void Rescue(const Link& link);
+  void Rescue(const TokenRequest& asked_for);
 
   PkceClient client_;
 };

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <utility>
 
-#include "e2e/browser.h"
+#include "lab/browser.h"
 #include "e2e/device_test.h"
 
 namespace {
@@ -83,7 +83,7 @@ class LeastPrivilege : public DeviceTest {
     std::vector<std::string> words = prefix_;
     words.insert(words.end(), {"/usr/kivo/bin/nodelink-login", "--browser"});
     lab::BackgroundProcess login(words);
-    login.Write(SignIn(login.WaitForLine("https://"), kEmail, kPassword) + "\n");
+    login.Write(lab::SignIn(login.WaitForLine("https://"), kEmail, kPassword) + "\n");
     login.CloseStdin();
     return login.Wait();
   }

@@ -20,7 +20,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 
-constexpr char kProgram[] = "/usr/kivo/bin/nodelink";
 constexpr char kQueryLock[] = "/tmp/account_query_info.lock";
 constexpr char kReadLock[] = "/tmp/account_login_get_token.lock";
 constexpr char kNoRenewal[] =

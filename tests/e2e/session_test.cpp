@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "e2e/browser.h"
+#include "lab/browser.h"
 #include "e2e/device_test.h"
 
 namespace {
@@ -19,8 +19,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
-
-constexpr char kReportPath[] = "/device/api/report";
 
 // What a terminal shows up to and with `end`, or all of it when its program ends before.
 std::string ReadUntil(int terminal, const std::string& end) {
@@ -44,7 +42,7 @@ class Session : public DeviceTest {
   lab::ProcessResult LogInByBrowser(
       const std::function<std::string(std::string)>& change = nullptr) {
     lab::BackgroundProcess login({"/usr/kivo/bin/nodelink-login", "--browser"});
-    const std::string back = SignIn(login.WaitForLine("https://"), kEmail, kPassword);
+    const std::string back = lab::SignIn(login.WaitForLine("https://"), kEmail, kPassword);
     login.Write((change ? change(back) : back) + "\n");
     login.CloseStdin();
     return login.Wait();

@@ -289,6 +289,15 @@ TEST_F(ChangedTokensTest, TokensThatCameMeanwhileAreNewer) {
   EXPECT_THAT(Log(), IsEmpty());
 }
 
+// The refusal was of the tokens before.
+TEST_F(ChangedTokensTest, TokensThatCameWhileOthersWereRefusedAreNotReplacedByARescue) {
+  WriteTokens(TokenFile("old", 0));
+  server_.AnswerInTurn(kTokenPath, {{.status = 400, .body = "{}"}, {.body = TokenAnswer("new")}});
+  server_.Meanwhile(kTokenPath, [] { WriteTokens(TokenFile("newer", kNow)); });
+  EXPECT_EQ(AccountPkceServiceImpl().GetAccessTokenWithRescue(), "newer-access");
+  EXPECT_EQ(ReadTokens(), TokenFile("newer", kNow));
+}
+
 TEST_F(ChangedTokensTest, ARecordThatCannotBeReadDoesNotCostTheTokens) {
   RemoveRecord();
   std::filesystem::create_directory("/usr/kivo/etc/veltrix-account/private/user.conf");
@@ -375,6 +384,22 @@ TEST_F(ChangedLoginTest, APasswordLoginToAnotherAccountTakesTheFormerTokensAway)
   WriteTokens(TokenFile("its own", kNow));
   EXPECT_EQ(LogInByPassword(), 0);
   EXPECT_TRUE(HasTokens()) << "the same account once more";
+}
+
+// The server gave the link that the device had, and then ended it.
+TEST_F(ChangedLoginTest, ALoginDoesNotBringBackTheLinkThatALogoutEnded) {
+  server_.Answer(kPasswordLoginPath, 200,
+                 R"({"code":"good","id":"4711","auth_key":"key of 4711"})");
+  EndLinkDuring(kPasswordLoginPath);
+  EXPECT_EQ(LogInByPassword(), -1);
+  EXPECT_EQ(LastErrorCode(), kNoAccount);
+  ExpectNoLink();
+  EXPECT_THAT(Log(), ElementsAre(std::string("zomi_account_login") + kDropped));
+  WriteRecord(kLinkedRecord);
+  server_.Answer(kExchangePath, 200, R"({"user_id":"4711","auth_key":"key of 4711"})");
+  EndLinkDuring(kExchangePath);
+  EXPECT_EQ(Catch(LogInByBrowser).code, kNoAccount);
+  EXPECT_FALSE(HasRecord());
 }
 
 TEST_F(ChangedLoginTest, ALoginOverARecordThatCannotBeReadFailsInItsOwnWrite) {

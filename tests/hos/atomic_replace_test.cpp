@@ -16,7 +16,7 @@
 
 #include "base/unique_fd.h"
 #include "klibc/keyvalue.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace hos_linux {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "klibc/error.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "klibc/exec.h"
 #include "schedule.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "kivo/zone.h"
 #include "klib/device.h"
 #include "klibc/szhash.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

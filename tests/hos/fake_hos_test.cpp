@@ -13,7 +13,7 @@
 #include "klibc/filelock.h"
 #include "klibc/keyvalue.h"
 #include "klibc/szhash.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

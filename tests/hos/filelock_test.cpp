@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

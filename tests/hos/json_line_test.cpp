@@ -12,7 +12,7 @@
 
 #include "kivo/log.h"
 #include "kivo/sysnotify.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace hos_linux {
 namespace {

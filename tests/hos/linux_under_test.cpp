@@ -1,7 +1,7 @@
 #include <string_view>
 
 #include "platform_under_test.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace platform_under_test {
 namespace {

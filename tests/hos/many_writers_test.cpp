@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "klibc/keyvalue.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

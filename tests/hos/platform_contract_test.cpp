@@ -30,7 +30,7 @@
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
 #include "platform_under_test.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "klib/plugin.h"
 #include "klibc/error.h"
 #include "klibc/exec.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include "base/unique_fd.h"
 #include "kivo/crond.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "base/unique_fd.h"
 #include "klib/plugin.h"
 #include "klibc/keyvalue.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include "lab/syslog_sink.h"
 #include "pkce/pkce_client.h"
 #include "pkce/pkce_config.h"
-#include "support/files.h"
+#include "lab/files.h"
 #include "tools/sign_in.h"
 
 namespace interop {

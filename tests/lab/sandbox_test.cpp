@@ -18,7 +18,7 @@
 
 #include "base/unique_fd.h"
 #include "lab/process.h"
-#include "support/files.h"
+#include "lab/files.h"
 
 namespace lab {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "fake_hos/fake_hos.h"
 #include "lab/syslog_sink.h"
-#include "support/files.h"
+#include "lab/files.h"
 #include "support/interpose.h"
 
 class PlatformTest : public testing::Test {

@@ -1,4 +1,4 @@
-#include "support/files.h"
+#include "lab/files.h"
 
 #include <sys/stat.h>
 

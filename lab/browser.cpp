@@ -1,10 +1,11 @@
-#include "e2e/browser.h"
+#include "lab/browser.h"
 
 #include <regex>
 #include <vector>
 
 #include "lab/process.h"
 
+namespace lab {
 namespace {
 
 constexpr char kCookies[] = "/tmp/browser.cookies";
@@ -33,7 +34,7 @@ std::vector<std::string> HiddenFields(const std::string& page) {
 std::string SignIn(const std::string& address, const std::string& email,
                    const std::string& password) {
   const std::string page =
-      lab::RunProcess({"curl", "--silent", "--fail", "--cookie-jar", kCookies, address}).out;
+      RunProcess({"curl", "--silent", "--fail", "--cookie-jar", kCookies, address}).out;
   std::vector<std::string> post = {"curl",     "--silent", "--output",    "/dev/null",
                                    "--cookie", kCookies,   "--write-out", "%{redirect_url}"};
   for (const std::string& argument : HiddenFields(page)) {
@@ -42,5 +43,7 @@ std::string SignIn(const std::string& address, const std::string& email,
   post.insert(post.end(),
               {"--data-urlencode", "email=" + email, "--data-urlencode", "password=" + password,
                "--data", "choice=sign_in", address.substr(0, address.find('?'))});
-  return lab::RunProcess(post).out;
+  return RunProcess(post).out;
 }
+
+}  // namespace lab

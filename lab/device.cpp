@@ -1,4 +1,4 @@
-#include "e2e/device_test.h"
+#include "lab/device.h"
 
 #include <json/reader.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+namespace lab {
 namespace {
 
 devcloud::CloudOptions InLab() {
@@ -22,7 +23,7 @@ devcloud::CloudOptions InLab() {
 
 }  // namespace
 
-DeviceTest::DeviceTest() : cloud_(InLab()) {
+Device::Device() : cloud_(InLab()) {
   test_files::Write("/etc/ssl/certs/ca-certificates.crt", cloud_.authority().certificate_pem());
   account_.email = kEmail;
   account_.full_name = "Anna Müller";
@@ -36,7 +37,7 @@ DeviceTest::DeviceTest() : cloud_(InLab()) {
   cloud_.store().PutDevice({.serial = kSerial, .mac = "02:00:5e:10:00:01"});
 }
 
-devcloud::Link DeviceTest::LinkDevice() {
+devcloud::Link Device::LinkDevice() {
   const auto link = cloud_.store().LinkDevice(kSerial, account_.user_id);
   test_files::Write(
       kRecord,
@@ -45,40 +46,40 @@ devcloud::Link DeviceTest::LinkDevice() {
   return *link;
 }
 
-void DeviceTest::SetState(const std::string& word) {
+void Device::SetState(const std::string& word) {
   account_.state = word;
   Update(account_);
 }
 
-void DeviceTest::Update(const devcloud::Account& account) {
+void Device::Update(const devcloud::Account& account) {
   if (!cloud_.store().UpdateAccount(account)) {
     throw std::runtime_error("cannot update the account");
   }
 }
 
-lab::ProcessResult DeviceTest::Run(const std::vector<std::string>& options) {
-  std::vector<std::string> words = {"/usr/kivo/bin/nodelink"};
+ProcessResult Device::Run(const std::vector<std::string>& options) {
+  std::vector<std::string> words = {kProgram};
   words.insert(words.end(), options.begin(), options.end());
-  return lab::RunProcess(words);
+  return RunProcess(words);
 }
 
-lab::ProcessResult DeviceTest::LogIn(const std::vector<std::string>& options,
+ProcessResult Device::LogIn(const std::vector<std::string>& options,
                                      const std::string& input) {
-  std::vector<std::string> words = {"/usr/kivo/bin/nodelink-login"};
+  std::vector<std::string> words = {kLoginProgram};
   words.insert(words.end(), options.begin(), options.end());
-  return lab::RunProcess(words, {.stdin_text = input});
+  return RunProcess(words, {.stdin_text = input});
 }
 
-std::vector<std::string> DeviceTest::Log() {
+std::vector<std::string> Device::Log() {
   std::vector<std::string> texts;
-  for (const lab::LogLine& line : sink_.Lines()) {
+  for (const LogLine& line : sink_.Lines()) {
     texts.push_back(std::regex_replace(line.text, std::regex("^([^ :]+):[0-9]+ "), "$1 ",
                                        std::regex_constants::format_first_only));
   }
   return texts;
 }
 
-std::optional<std::string> DeviceTest::RecordValue(const std::string& key) {
+std::optional<std::string> Device::RecordValue(const std::string& key) {
   std::smatch match;
   const std::string record = test_files::Read(kRecord);
   if (!std::regex_search(record, match, std::regex("(^|\n)" + key + "=\"([^\n]*)\"\n"))) {
@@ -87,25 +88,27 @@ std::optional<std::string> DeviceTest::RecordValue(const std::string& key) {
   return match[2];
 }
 
-void DeviceTest::SetRecordValue(const std::string& key, const std::string& value) {
+void Device::SetRecordValue(const std::string& key, const std::string& value) {
   const std::string line = key + "=\"" + value + "\"\n";
   test_files::Write(
       kRecord,
       std::regex_replace(test_files::Read(kRecord), std::regex(key + "=\"[^\n]*\"\n"), line), 0600);
 }
 
-void DeviceTest::SetLastQueryAge(long seconds) {
+void Device::SetLastQueryAge(long seconds) {
   SetRecordValue("last_query_time", std::to_string(std::time(nullptr) - seconds));
 }
 
-Json::Value DeviceTest::Tokens() {
+Json::Value Device::Tokens() {
   Json::Value tokens;
   std::istringstream(test_files::Read(kTokens)) >> tokens;
   return tokens;
 }
 
-void DeviceTest::AgeTokens(int seconds) {
+void Device::AgeTokens(int seconds) {
   Json::Value tokens = Tokens();
   tokens["created_at"] = Json::Int64(std::time(nullptr) - seconds);
   test_files::Write(kTokens, tokens.toStyledString(), 0600);
 }
+
+}  // namespace lab
