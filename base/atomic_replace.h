@@ -31,8 +31,8 @@ std::string TemporaryPrefix(std::string_view name);
 // Writes all of `content`. False with errno set.
 [[nodiscard]] bool WriteAll(int fd, std::string_view content);
 
-// Takes the exclusive flock of `fd`, waiting for other holders for `limit` at most. False with errno
-// set (EWOULDBLOCK when time ran out).
+// Takes the exclusive flock of `fd`, waiting for other holders for `limit` at most. False with
+// errno set (EWOULDBLOCK when time ran out).
 [[nodiscard]] bool LockWithinLimit(int fd,
                                    std::chrono::milliseconds limit = std::chrono::seconds(30));
 

@@ -14,10 +14,10 @@
 #include "deviceapi/zomi_https_req_send.h"
 #include "fake_hos/fake_hos.h"
 #include "klibc/string.h"
+#include "lab/files.h"
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
 #include "property.h"
-#include "lab/files.h"
 
 namespace fuzz {
 namespace {

@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "kivo/crond.h"
+#include "lab/files.h"
 #include "property.h"
 #include "schedule.h"
-#include "lab/files.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <algorithm>
 
 #include "kivo/crond.h"
-#include "property.h"
 #include "lab/files.h"
+#include "property.h"
 
 namespace {
 

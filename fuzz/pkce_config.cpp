@@ -6,8 +6,8 @@
 #include "core/json.h"
 #include "core/zomi_exception.h"
 #include "fake_hos/fake_hos.h"
-#include "property.h"
 #include "lab/files.h"
+#include "property.h"
 
 namespace {
 

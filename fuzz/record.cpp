@@ -3,8 +3,8 @@
 #include "account/record_keys.h"
 #include "account/user.h"
 #include "fake_hos/fake_hos.h"
-#include "property.h"
 #include "lab/files.h"
+#include "property.h"
 
 namespace {
 

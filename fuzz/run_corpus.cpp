@@ -6,8 +6,8 @@
 #include <iostream>
 #include <vector>
 
-#include "property.h"
 #include "lab/files.h"
+#include "property.h"
 
 namespace {
 

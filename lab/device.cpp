@@ -63,8 +63,7 @@ ProcessResult Device::Run(const std::vector<std::string>& options) {
   return RunProcess(words);
 }
 
-ProcessResult Device::LogIn(const std::vector<std::string>& options,
-                                     const std::string& input) {
+ProcessResult Device::LogIn(const std::vector<std::string>& options, const std::string& input) {
   std::vector<std::string> words = {kLoginProgram};
   words.insert(words.end(), options.begin(), options.end());
   return RunProcess(words, {.stdin_text = input});

@@ -90,26 +90,23 @@ void EndedAtTheServer(World& world) {
 
 const std::vector<Flow>& Flows() {
   static const std::vector<Flow> flows = {
-      {"report",
-       {Kind::kReport},
-       LinkedWithAnOldSchedule,
-       {},
-       {{"report", lab::kReportPath}}},
+      {"report", {Kind::kReport}, LinkedWithAnOldSchedule, {}, {{"report", lab::kReportPath}}},
       {"report_refused",
        {Kind::kReport},
        EndedAtTheServer<Linked>,
        {kLogoutIsGood},
        {{"report", lab::kReportPath}, {"logout", lab::kLogoutPath}}},
+      {"report_refused_with_renewal",
+       {Kind::kReport},
+       EndedAtTheServer<LinkedWithExpiredTokens>,
+       {kLogoutIsGood},
+       {{"renewal", lab::kTokenPath, {kGet, kRenew}}}},
       {"report_not_found",
        {Kind::kReport},
        EndedAtTheServer<Linked>,
        {{lab::kReportPath, 200, R"({"code":"account_not_found"})"}, kLogoutIsGood},
        {{"report", lab::kReportPath}, {"logout", lab::kLogoutPath}}},
-      {"query",
-       {Kind::kQuery},
-       LinkedWithAnOldProfile,
-       {},
-       {{"query", lab::kQueryPath, {kQuery}}}},
+      {"query", {Kind::kQuery}, LinkedWithAnOldProfile, {}, {{"query", lab::kQueryPath, {kQuery}}}},
       {"query_refused",
        {Kind::kQuery},
        EndedAtTheServer<LinkedWithAnOldProfile>,
@@ -333,9 +330,8 @@ std::string Shown(const Ended& ended) {
 
 void Checks::Finding(const std::string& text) {
   ++findings_;
-  std::printf("FINDING  %s\n         %s\n         paused: %s, other: %s%s\n",
-              case_.Name().c_str(), text.c_str(), Shown(meeting_.paused).c_str(),
-              Shown(meeting_.other).c_str(),
+  std::printf("FINDING  %s\n         %s\n         paused: %s, other: %s%s\n", case_.Name().c_str(),
+              text.c_str(), Shown(meeting_.paused).c_str(), Shown(meeting_.other).c_str(),
               meeting_.waited_for ? (", waited for " + *meeting_.waited_for).c_str() : "");
   for (const std::string& line : world_.Log()) std::printf("           %s\n", line.c_str());
 }
@@ -390,8 +386,8 @@ void Checks::CheckNothingIsLeft() {
 bool Checks::IsSameLinkAgain() const {
   const auto now = world_.ServerLink();
   const auto& before = meeting_.link_before;
-  return before && ((now && now->auth_key == before->auth_key) ||
-                    (meeting_.other.command.person == &kAnna));
+  return before &&
+         ((now && now->auth_key == before->auth_key) || (meeting_.other.command.person == &kAnna));
 }
 
 // A login by browser that failed late leaves its tokens, as it says.

@@ -1,8 +1,8 @@
 // Flows that meet: each is paused at each of its requests, another one runs meanwhile, and then the
 // answer comes.
 //
-// A case is "FLOW REQUEST OTHER": the answer to REQUEST of FLOW is held while OTHER runs to its end,
-// or until it waits for a lock that FLOW holds; then the answer is released, both end, and the
+// A case is "FLOW REQUEST OTHER": the answer to REQUEST of FLOW is held while OTHER runs to its
+// end, or until it waits for a lock that FLOW holds; then the answer is released, both end, and the
 // device is checked.
 #pragma once
 

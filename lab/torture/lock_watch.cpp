@@ -46,8 +46,9 @@ LockWatch::LockWatch() : path_(TracePath()) {
 LockWatch::~LockWatch() { unlink(path_.c_str()); }
 
 std::vector<std::string> LockWatch::Prefix() const {
-  return {"strace", "-f", "-y",          "-qq", "--seccomp-bpf", "-e", "trace=flock",
-          "-e",     "status=failed", "-e", "signal=none",   "-o", path_};
+  return {"strace",      "-f",          "-y", "-qq",           "--seccomp-bpf",
+          "-e",          "trace=flock", "-e", "status=failed", "-e",
+          "signal=none", "-o",          path_};
 }
 
 bool LockWatch::Read() {

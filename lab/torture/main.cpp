@@ -1,5 +1,5 @@
-// Disturbs the programs and checks the device after each fault. script/torture starts it, inside the
-// lab, once for each share of the cases.
+// Disturbs the programs and checks the device after each fault. script/torture starts it, inside
+// the lab, once for each share of the cases.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -48,7 +48,8 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& words) {
       options.selection.flows.push_back(value);
     } else if (option == "--share") {
       options.selection.share = std::strtoul(value.c_str(), nullptr, 10);
-      options.selection.shares = std::strtoul(value.substr(value.find('/') + 1).c_str(), nullptr, 10);
+      options.selection.shares =
+          std::strtoul(value.substr(value.find('/') + 1).c_str(), nullptr, 10);
     } else if (option == "--counts") {
       options.counts = value;
     } else if (option == "--only") {

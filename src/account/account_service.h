@@ -21,16 +21,16 @@ class AccountService {
   // Links the device to the account `identifier` (its e-mail address) by its `password`. On success
   // the record names the account and holds its profile, the report job is installed and the
   // plug-ins are told. The device's serial number, MAC address and API key are the platform's; a
-  // key that the server does not know is registered anew. Logins run one at a time: waits 30 seconds
-  // at most for another one, and 3 attempts of 120 seconds for a request. Returns the account server's answer, an object with "id" (what the
-  // server knows the device by) and "auth_key". Throws ZomiException, logged, with the device as it
-  // was: kWrongParameters (empty identifier or password, or the server says so), kAuthFailed (wrong
-  // password), kAccountNotFound, kAccountInUse, kAccountUnverified, kSerialAtAccountLimit,
-  // kApiKeyNotFound, kApiKeyExpired (the next login registers a new one), kRequestNotSent,
-  // kBadResponse, kWrongJsonFormat, kNoSerialNumber, kNoMacAddress, kNetworkFailed,
-  // kAccountNotWritten, kSystemError, kGenericError for a status word that nobody knows or when
-  // another login does not end, kNoAccount when another process has ended or replaced the new link
-  // meanwhile.
+  // key that the server does not know is registered anew. Logins run one at a time: waits 30
+  // seconds at most for another one, and 3 attempts of 120 seconds for a request. Returns the
+  // account server's answer, an object with "id" (what the server knows the device by) and
+  // "auth_key". Throws ZomiException, logged, with the device as it was: kWrongParameters (empty
+  // identifier or password, or the server says so), kAuthFailed (wrong password), kAccountNotFound,
+  // kAccountInUse, kAccountUnverified, kSerialAtAccountLimit, kApiKeyNotFound, kApiKeyExpired (the
+  // next login registers a new one), kRequestNotSent, kBadResponse, kWrongJsonFormat,
+  // kNoSerialNumber, kNoMacAddress, kNetworkFailed, kAccountNotWritten, kSystemError, kGenericError
+  // for a status word that nobody knows or when another login does not end, kNoAccount when another
+  // process has ended or replaced the new link meanwhile.
   Json::Value login(const std::string& identifier, const std::string& password);
 
   // The linked account's profile, an object: the texts "auth_key", "country", "email", "full_name",
@@ -38,11 +38,11 @@ class AccountService {
   // "enews" and "enews_local_promotion". Comes from the record when that is less than 300 seconds
   // old, else from the account server, in at most 2 attempts of 15 seconds, and goes into the
   // record. Beware: a failed query, whatever the reason, drops the record, so that the device is no
-  // longer linked, unless another process has linked it anew meanwhile; a program that only shows the profile reads the record (account/user.h). Throws
-  // ZomiException: kNoAccount (not linked), kAuthFailed or kAccountNotFound (no longer accepted),
-  // kRequestNotSent, kBadResponse, kWrongJsonFormat, kNoSerialNumber, kAccountNotWritten,
-  // kSystemError, kGenericError when another query does not end, and the codes of the server's
-  // other status words.
+  // longer linked, unless another process has linked it anew meanwhile; a program that only shows
+  // the profile reads the record (account/user.h). Throws ZomiException: kNoAccount (not linked),
+  // kAuthFailed or kAccountNotFound (no longer accepted), kRequestNotSent, kBadResponse,
+  // kWrongJsonFormat, kNoSerialNumber, kAccountNotWritten, kSystemError, kGenericError when another
+  // query does not end, and the codes of the server's other status words.
   Json::Value query();
 
   // Rewrites the cron job of the periodic report from the record's schedule (five cron fields),

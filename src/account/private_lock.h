@@ -20,9 +20,9 @@ class PrivateLock {
   };
 
   // Takes the lock, waiting for `limit` at most, and raises privileges for the opening of its file.
-  // Where no process could have it (no folder, no rights, a full or read-only disk) there is nothing
-  // to keep apart: that is kTaken too, and what the lock was to guard fails by itself. Logs nothing.
-  // The lock ends with the object.
+  // Where no process could have it (no folder, no rights, a full or read-only disk) there is
+  // nothing to keep apart: that is kTaken too, and what the lock was to guard fails by itself. Logs
+  // nothing. The lock ends with the object.
   [[nodiscard]] Outcome Take(std::chrono::milliseconds limit);
 
   const char* path() const { return path_; }

@@ -67,9 +67,10 @@ bool RecordChange::MayGoBack(const std::string& now, const record::KeyWrite& wri
     return false;
   }
   const auto is_ours = [&](const char* key) {
-    return std::any_of(writes_.begin(), writes_.end(), [&](const record::KeyWrite& other) {
-             return other.key == key && record::Holds(now, other);
-           }) ||
+    return std::any_of(writes_.begin(), writes_.end(),
+                       [&](const record::KeyWrite& other) {
+                         return other.key == key && record::Holds(now, other);
+                       }) ||
            record::HaveSameLine(now, before_.value_or(""), key);
   };
   return !IsOfTheLink(write.key) ||

@@ -18,8 +18,8 @@ struct KeyWrite {
 // Whether the line of `key` is the same in both texts, or is in neither.
 [[nodiscard]] bool HaveSameLine(std::string_view a, std::string_view b, std::string_view key);
 
-// `text`, which has the key, with the line that `before` has for it in the place of its own; without
-// that line when `before` has none.
+// `text`, which has the key, with the line that `before` has for it in the place of its own;
+// without that line when `before` has none.
 [[nodiscard]] std::string WithLineOf(std::string_view before, std::string text,
                                      std::string_view key);
 

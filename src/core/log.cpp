@@ -16,9 +16,10 @@ std::string Message(const char* format, va_list values) {
   va_copy(again, values);
   const int length = std::vsnprintf(nullptr, 0, format, again);
   va_end(again);
-  std::string text(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
+  const auto size = std::min(static_cast<std::size_t>(std::max(length, 0)), kLongestMessage);
+  std::string text(size + 1, '\0');
   std::vsnprintf(text.data(), text.size(), format, values);
-  text.resize(std::min(text.size() - 1, kLongestMessage));
+  text.pop_back();
   return text;
 }
 

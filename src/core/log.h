@@ -29,8 +29,8 @@ constexpr LogSite Here(const char* file = __builtin_FILE(), int line = __builtin
   return {SourceName(file), line};
 }
 
-// A longer message is cut: the system log takes one datagram a line and drops a larger one whole, in
-// silence, and answers of servers, which some lines quote, can be that large.
+// A longer message is cut: the system log takes one datagram a line and drops a larger one whole,
+// in silence, and answers of servers, which some lines quote, can be that large.
 inline constexpr std::size_t kLongestMessage = 128 * 1024;
 
 // Logs "<file>:<line> <message>" at priority error, or at `priority` (which may name a facility).

@@ -14,9 +14,9 @@ enum class Refresh { kNo, kYes };
 // Fills `output`, an empty object of the caller's, with the profile. The server is asked only when
 // the record was last queried 300 seconds ago or more with kYes for `refresh`, 86400 seconds or
 // more with kNo; its answer goes into the record, unless that names another link by then. An answer
-// that the device is no longer accepted removes the record. kYes for `quick` shortens the request's time limits
-// (deviceapi/zomi_https_req_send.h). Returns 0, or -1 (logged) with the last error code set; the
-// record is then as it was, unless it was removed.
+// that the device is no longer accepted removes the record. kYes for `quick` shortens the request's
+// time limits (deviceapi/zomi_https_req_send.h). Returns 0, or -1 (logged) with the last error code
+// set; the record is then as it was, unless it was removed.
 [[nodiscard]] int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick);
 
 // The same as a step of a flow that changes the record: a query that fails after it changed the

@@ -54,8 +54,8 @@ bool EnsureExists(const std::string& path) {
   return true;
 }
 
-// The owner of a lock file in /tmp may put another in its place; who locks that one then is not kept
-// out by us. A handle that is no descriptor is the platform's own to check.
+// The owner of a lock file in /tmp may put another in its place; who locks that one then is not
+// kept out by us. A handle that is no descriptor is the platform's own to check.
 bool IsWhereOthersLook(std::int32_t handle, const std::string& path) {
   return fcntl(handle, F_GETFD) < 0 || base::StandsAt(handle, path.c_str());
 }

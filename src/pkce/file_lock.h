@@ -20,8 +20,8 @@ class FileLock {
 
   // Makes the lock file, open to every user, if there is none, and tries to lock it, 50 to 100 ms
   // apart, until `timeout_seconds` after the call; 0 makes no attempt. A lock that this object
-  // holds is released first, and a lock whose file no longer stands at the path is none. False when the file cannot be made (logged) or time ran out (not
-  // logged).
+  // holds is released first, and a lock whose file no longer stands at the path is none. False when
+  // the file cannot be made (logged) or time ran out (not logged).
   [[nodiscard]] bool Lock(unsigned int timeout_seconds);
 
   // Releases the lock, if held. The file stays: somebody else may be about to lock it.

@@ -35,9 +35,9 @@ class PkceClient {
   // stored, has passed. Throws ZomiException with kNoToken (no
   // token file, or no such member), kWrongJsonFormat (the file), kAuthFailed (the refresh token is
   // refused) or as the renewal's request fails; boost::bad_lexical_cast when the stored times are
-  // no whole numbers. The server's answer is stored only while the record names the link that it was
-  // asked for, else dropped with kNoAccount; tokens that somebody stored meanwhile are newer and
-  // stay.
+  // no whole numbers. The server's answer is stored only while the record names the link that it
+  // was asked for, else dropped with kNoAccount; tokens that somebody stored meanwhile are newer
+  // and stay.
   std::string GetAccessToken();
   std::string GetIdToken();
 

@@ -12,7 +12,7 @@ namespace nodelink {
 // that were stored when they were asked for: those of another exchange are newer.
 struct TokenRequest {
   std::optional<LinkIdentity> link;  // nothing when the record could not be read
-  std::string refresh_token;  // the stored one; empty when there was none
+  std::string refresh_token;         // the stored one; empty when there was none
 };
 
 }  // namespace nodelink

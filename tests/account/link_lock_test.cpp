@@ -129,8 +129,9 @@ TEST_F(LinkLockTest, ADroppedAnswerIsLoggedOnceAndHasTheCodeOfNoAccount) {
     throw LinkChanged({"flow", 7});
   } catch (const ZomiException& failure) {
     EXPECT_EQ(failure.code(), kNoAccount);
-    EXPECT_THAT(failure.what(),
-                testing::StartsWith("The account link has changed, dropping the answer [code=3]\n"));
+    EXPECT_THAT(
+        failure.what(),
+        testing::StartsWith("The account link has changed, dropping the answer [code=3]\n"));
   }
   SetLastErrorCode(kSuccess);
   EXPECT_EQ(FailLinkChanged({"flow", 8}), -1);

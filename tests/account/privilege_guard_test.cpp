@@ -457,11 +457,10 @@ TEST_F(PrivilegeGuardTest, WhatAChangeDoesBesideTheWriteIsSilent) {
     return std::string("done");
   });
   EXPECT_EQ(calls, "done");
-  EXPECT_THAT(LogWithPriorities(),
-              testing::ElementsAreArray(
-                  WithFile("user", {"auth.info @ WARNING: setresgid(-1, 0, -1)",
-                                    "auth.info @ WARNING: setresuid(-1, 0, -1)",
-                                    "auth.info @ WARNING: setresuid(-1, 0, -1)"})));
+  EXPECT_THAT(LogWithPriorities(), testing::ElementsAreArray(WithFile(
+                                       "user", {"auth.info @ WARNING: setresgid(-1, 0, -1)",
+                                                "auth.info @ WARNING: setresuid(-1, 0, -1)",
+                                                "auth.info @ WARNING: setresuid(-1, 0, -1)"})));
 }
 
 TEST_F(PrivilegeGuardTest, ASilentSectionSaysNothingOfItsFailureEither) {

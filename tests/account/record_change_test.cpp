@@ -52,9 +52,9 @@ TEST_F(RecordChangeTest, TakesEveryKeyBackByteForByte) {
 }
 
 TEST_F(RecordChangeTest, KeepsOddLinesAsTheyWere) {
-  for (const char* before :
-       {" country = CH \nx\n", "country=\"CH\"\ncountry=\"second\"\n", "#country=\"DE\"\ncountry=\n",
-        "zomiID=\"a\"\ncountry=\"no line end\"", "zomiID=\"a\"", "", "country", "\n\n", "a=\"\0\"\n"}) {
+  for (const char* before : {" country = CH \nx\n", "country=\"CH\"\ncountry=\"second\"\n",
+                             "#country=\"DE\"\ncountry=\n", "zomiID=\"a\"\ncountry=\"no line end\"",
+                             "zomiID=\"a\"", "", "country", "\n\n", "a=\"\0\"\n"}) {
     SCOPED_TRACE(before);
     WriteRecord(before);
     RecordChange change;
@@ -91,8 +91,8 @@ TEST_F(RecordChangeTest, WhatOthersWroteStays) {
   Write(record::kReportCronTimestring, "1 2 * * *");  // a key that was not written here
   Write(record::kFullName, "theirs");                 // one that was
   change.Undo(lock_);
-  EXPECT_EQ(ReadRecord(), std::string(kBefore) +
-                              "full_name=\"theirs\"\nreport_cron_timestring=\"1 2 * * *\"\n");
+  EXPECT_EQ(ReadRecord(),
+            std::string(kBefore) + "full_name=\"theirs\"\nreport_cron_timestring=\"1 2 * * *\"\n");
 }
 
 TEST_F(RecordChangeTest, AFirstRecordWithOthersKeysStays) {

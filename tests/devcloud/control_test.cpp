@@ -93,7 +93,9 @@ class HeldClient {
           return HttpClient(authority).Send({.url = url, .method = "GET"});
         })) {}
 
-  bool HasAnswer() { return answer_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+  bool HasAnswer() {
+    return answer_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  }
   ClientAnswer Answer() { return answer_.get(); }
 
  private:

@@ -93,8 +93,8 @@ INSTANTIATE_TEST_SUITE_P(
                     R"({"path":"/a","count":0})", R"({"path":"/a","count":1.5})",
                     R"({"path":"/a","status":99})", R"({"path":"/a","delivery":"late"})",
                     R"({"path":"/a","delay_ms":-1})", R"({"path":"/a","hold":1})",
-                    R"({"path":"/a","typo":1})",
-                    R"({"path":"/a","headers":{}})", R"({"path":"/a","headers":[["A"]]})",
+                    R"({"path":"/a","typo":1})", R"({"path":"/a","headers":{}})",
+                    R"({"path":"/a","headers":[["A"]]})",
                     R"({"path":"/a","headers":[["A","x\r\nB: y"]]})",
                     R"({"path":"/a","headers":[["A B","x"]]})", R"({"path":"/a"} x)"));
 

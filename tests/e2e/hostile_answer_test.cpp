@@ -11,8 +11,8 @@ using devcloud::Delivery;
 using devcloud::Response;
 
 constexpr std::size_t kMebibyte = 1024 * 1024;
-constexpr std::size_t kLargest = 256 * 1024;  // that the programs take in
-constexpr long kMostMemory = 24 * 1024;       // KiB
+constexpr std::size_t kLargest = kMebibyte;  // that the programs take in
+constexpr long kMostMemory = 24 * 1024;      // KiB
 constexpr char kPeakFile[] = "/var/tmp/peak";
 
 // What an answer may come to: some are odd, but what they say can be understood.
@@ -38,6 +38,12 @@ std::string ListOf(const std::string& item) {
   return "[" + Repeat(item + ",", kLargest - 3 * item.size() - 10) + item + "]";
 }
 
+// As many as may be, and as long as there is room for.
+std::string ListOfTexts() {
+  const std::string text = "\"" + std::string(kLargest / 10'000 - 5, 'x') + "\"";
+  return "[" + Repeat(text + ",", kLargest - 5000) + text + "]";
+}
+
 std::string Members(const std::string& value) {
   std::string all;
   for (int number = 0; all.size() < kLargest - 1200; ++number) {
@@ -59,6 +65,20 @@ std::string Everything(const std::string& text, const std::string& versions) {
     all += std::string(",\"") + name + "\":true";
   }
   return all + ",\"critical_version_list\":{\"1\":true" + versions + "}}";
+}
+
+// Of which indentation makes 18 MB.
+std::string NestedLists() {
+  std::string lists;
+  for (int count = 0; count < 9; ++count) {
+    lists += std::string(990, '[') + std::string(990, ']') + ",";
+  }
+  return "[" + lists + "1]";
+}
+
+std::string With(std::string object, const std::string& member) {
+  object.pop_back();
+  return object + ",\"more\":" + member + "}";
 }
 
 Response Body(std::string body, std::vector<devcloud::Header> headers = {}) {
@@ -99,6 +119,12 @@ std::vector<HostileAnswer> BadTexts() {
       {"long values", Body(Everything(part, "")), Outcome::kAny},
       {"values that grow", Body(Everything(expanding, "")), Outcome::kAny},
       {"many versions", Body(Everything("x", Members("true"))), Outcome::kAny},
+      {"one long text",
+       Body(With(Everything("x", ""), '"' + std::string(kLargest - 2000, ',') + '"')),
+       Outcome::kAny},
+      {"texts of few values", Body(With(Everything("x", ""), ListOfTexts())), Outcome::kAny},
+      {"nested lists", Body(With(Everything("x", ""), NestedLists())), Outcome::kAny},
+      {"nested lists and no tokens", Body(With("{\"code\":\"badsys\"}", NestedLists()))},
   };
 }
 

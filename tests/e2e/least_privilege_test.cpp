@@ -14,8 +14,8 @@
 #include <sstream>
 #include <utility>
 
-#include "lab/browser.h"
 #include "e2e/device_test.h"
+#include "lab/browser.h"
 
 namespace {
 

@@ -1,13 +1,16 @@
 // A device's life with its account: login, report, token renewal and rescue, notices, logout.
+#include <fcntl.h>
 #include <pty.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
 
-#include "lab/browser.h"
+#include "base/unique_fd.h"
 #include "e2e/device_test.h"
+#include "lab/browser.h"
 
 namespace {
 
@@ -216,6 +219,43 @@ TEST_F(Session, ALoginToAnotherAccountShowsThatAccount) {
   EXPECT_EQ(RecordValue("zomiID"), other.email);
 }
 
+// Thirty seconds, on a clock that runs sixty times as fast.
+TEST_F(Session, ALoginWaitsForAnotherOneAndSaysSo) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer and the fast clock both want to be loaded first";
+#endif
+  LogInByPassword();
+  const std::string path = std::string(lab::kPrivateFolder) + "/.login.lock";
+  const base::UniqueFd other(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0) << "the login before has let go";
+  const std::size_t before = Requests().size();
+  const auto result =
+      lab::RunProcess({"faketime", "-f", "+0 x60", lab::kLoginProgram, "--password", kEmail},
+                      {.stdin_text = std::string(kPassword) + "\n"});
+  EXPECT_EQ(result.err,
+            "nodelink-login: waiting for another login\n"
+            "nodelink-login: System error (code 24)\n");
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(Requests(), SizeIs(before));
+  EXPECT_THAT(Log(), Contains("login_lock Waiting for another login"));
+  EXPECT_THAT(Log(), Contains("login_lock Failed to lock file: " + path));
+}
+
+TEST_F(Session, NoOrdinaryUserCanHoldTheLocksOfRoots) {
+  LogInByPassword();
+  for (const char* name : {".link.lock", ".login.lock"}) {
+    const std::string path = std::string(lab::kPrivateFolder) + "/" + name;
+    EXPECT_EQ(test_files::ModeOf(path), 0600U);
+    const std::vector<std::string> command = {"flock", "--nonblock", path, "true"};
+    EXPECT_EQ(lab::RunProcess(command).exit_status, 0);
+    if (lab::RunProcess({"setpriv", "--reuid", "1026", "--clear-groups", "true"}).exit_status !=
+        0) {
+      GTEST_SKIP() << "the lab of an ordinary user has no other users";
+    }
+    EXPECT_NE(lab::RunProcess(command, {.uid = 1026, .gid = 100}).exit_status, 0);
+  }
+}
+
 TEST_F(Session, TheReportStoresTheScheduleAndRenewsTheToken) {
   ASSERT_EQ(LogInByBrowser().exit_status, 0);
   account_.report_cron_timestring = "30 3 * * 6";
@@ -334,6 +374,8 @@ TEST_F(Session, ALogoutThatTheServerDoesNotTakeKeepsTheAccount) {
   cloud_.faults().Add(rule);
   const auto result = Run({"--logout"});
   EXPECT_THAT(result.out, testing::StartsWith("Failed to logout: Failed to logout, code=500"));
+  EXPECT_THAT(result.out, HasSubstr("nodelink::AccountPkceServiceImpl::Logout(nodelink::"))
+      << "the backtrace names no function of the program's";
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_TRUE(test_files::Exists(kRecord));
 }

@@ -44,14 +44,14 @@ class ChangedLinkTest : public SessionTest {
     WriteTokens(TokenFile("old", kNow));
     LetRmWork();
     hooks().sleep = [](unsigned int) {};
-    server_.Answer(kReportPath, 200,
-                   R"({"code":"good","report_cron_timestring":"7 7 * * *"})");
+    server_.Answer(kReportPath, 200, R"({"code":"good","report_cron_timestring":"7 7 * * *"})");
     server_.Answer(kQueryPath, 200, session::ProfileAnswer());
     server_.Answer(kLogoutPath, 200, R"({"code":"good"})");
     server_.Answer(kTokenPath, 200, TokenAnswer("new"));
     server_.Answer(kGrantPath, 200, R"({"grant_code":"granted"})");
     server_.Answer(kExchangePath, 200, R"({"user_id":"4711","auth_key":"newer key"})");
-    server_.Answer(kPasswordLoginPath, 200, R"({"code":"good","id":"4711","auth_key":"newer key"})");
+    server_.Answer(kPasswordLoginPath, 200,
+                   R"({"code":"good","id":"4711","auth_key":"newer key"})");
   }
 
   // As another process does them, while the request of `path` waits.
@@ -97,12 +97,12 @@ class ChangedLinkTest : public SessionTest {
 
 // --- report -----------------------------------------------------------------------------------
 
-class ChangedReportTest : public ChangedLinkTest,
-                          public testing::WithParamInterface<const char*> {
+class ChangedReportTest : public ChangedLinkTest, public testing::WithParamInterface<const char*> {
  protected:
   void Report() {
-    server_.Answer(kReportPath, 200, R"({"code":")" + std::string(GetParam()) +
-                                         R"(","report_cron_timestring":"7 7 * * *"})");
+    server_.Answer(
+        kReportPath, 200,
+        R"({"code":")" + std::string(GetParam()) + R"(","report_cron_timestring":"7 7 * * *"})");
     EXPECT_EQ(ReportDeviceInfo(), -1);
     EXPECT_EQ(LastErrorCode(), kNoAccount);
     EXPECT_THAT(Log(), ElementsAre(std::string("zomi_report_info") + kDropped));
@@ -136,6 +136,15 @@ TEST_F(ChangedLinkTest, AForcedLogoutIsOfTheReportedLinkOnly) {
   EXPECT_THAT(server_.requests(kLogoutPath), IsEmpty());
   EXPECT_THAT(platform().plugin_runs, IsEmpty());
   EXPECT_THAT(Log(), Contains("zomi_report_info Failed to logout"));
+}
+
+TEST_F(ChangedLinkTest, ALinkThatIsMadeRightAfterTheNoticeIsNotLoggedOut) {
+  server_.Answer(kReportPath, 200, R"({"code":"badauth"})");
+  platform().OnCall("KIVOSysNotifySendNotifiction",
+                    [](const fake_hos::Call&) { WriteRecord(kNewRecord); });
+  EXPECT_EQ(ReportDeviceInfo(), -1);
+  EXPECT_EQ(ReadRecord(), kNewRecord);
+  EXPECT_THAT(server_.requests(kLogoutPath), IsEmpty());
 }
 
 // --- query ------------------------------------------------------------------------------------
@@ -249,8 +258,7 @@ TEST_F(ChangedTokensTest, ARescueForcesNoLogoutOfAnotherLink) {
   EXPECT_THAT(server_.requests(kLogoutPath), IsEmpty());
 }
 
-class ChangedGrantTest : public ChangedTokensTest,
-                         public testing::WithParamInterface<const char*> {
+class ChangedGrantTest : public ChangedTokensTest, public testing::WithParamInterface<const char*> {
  protected:
   ChangedGrantTest() { RemoveTokens(); }
 };
@@ -373,8 +381,8 @@ TEST_F(ChangedLoginTest, APasswordLoginWhoseOwnProfileEndsTheLinkIsStillOne) {
   server_.Answer(kQueryPath, 200, R"({"code":"badauth"})");
   EXPECT_EQ(LogInByPassword(), 0);
   EXPECT_FALSE(HasRecord());
-  EXPECT_THAT(platform().plugin_runs, ElementsAre(PluginRun{"zomi", "zomi/logout", 4},
-                                                  PluginRun{"zomi", "zomi/login", 5}));
+  EXPECT_THAT(platform().plugin_runs,
+              ElementsAre(PluginRun{"zomi", "zomi/logout", 4}, PluginRun{"zomi", "zomi/login", 5}));
 }
 
 TEST_F(ChangedLoginTest, APasswordLoginToAnotherAccountTakesTheFormerTokensAway) {

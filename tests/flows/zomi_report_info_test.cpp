@@ -428,8 +428,8 @@ TEST_P(ScheduleTypeTest, WhatIsNoTextCountsAsMissing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ScheduleTypeTest,
-                         testing::ValuesIn(std::vector<NamedText>{
-                             {"Object", R"({"a":"b"})"}, {"List", R"(["a"])"}}),
+                         testing::ValuesIn(std::vector<NamedText>{{"Object", R"({"a":"b"})"},
+                                                                  {"List", R"(["a"])"}}),
                          session::NameOf);
 
 TEST_F(ReportTest, AnEmptyScheduleIsTheDefault) {

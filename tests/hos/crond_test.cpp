@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "klibc/exec.h"
-#include "schedule.h"
 #include "lab/files.h"
+#include "schedule.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <string_view>
 
-#include "platform_under_test.h"
 #include "lab/files.h"
+#include "platform_under_test.h"
 
 namespace platform_under_test {
 namespace {

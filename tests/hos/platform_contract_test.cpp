@@ -29,8 +29,8 @@
 #include "klibc/string.h"
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
-#include "platform_under_test.h"
 #include "lab/files.h"
+#include "platform_under_test.h"
 
 namespace {
 

@@ -19,11 +19,11 @@
 #include "interop/account_server.h"
 #include "interop/browser.h"
 #include "interop/provider.h"
+#include "lab/files.h"
 #include "lab/process.h"
 #include "lab/syslog_sink.h"
 #include "pkce/pkce_client.h"
 #include "pkce/pkce_config.h"
-#include "lab/files.h"
 #include "tools/sign_in.h"
 
 namespace interop {

@@ -17,8 +17,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "lab/process.h"
 #include "lab/files.h"
+#include "lab/process.h"
 
 namespace lab {
 namespace {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "fake_hos/fake_hos.h"
-#include "lab/syslog_sink.h"
 #include "lab/files.h"
+#include "lab/syslog_sink.h"
 #include "support/interpose.h"
 
 class PlatformTest : public testing::Test {
