@@ -1,11 +1,29 @@
 #include "core/zomi_exception.h"
 
+#include <string_view>
+#include <vector>
+
 #include "core/error_code.h"
 
 namespace nodelink {
 namespace {
 
 constexpr std::size_t kBacktraceDepth = 16;
+
+// A message may quote a whole answer: no copy more than there must be.
+std::string FullText(std::string_view message, const std::vector<std::string>& lines) {
+  std::size_t size = message.size() + 2;
+  for (const std::string& line : lines) {
+    size += line.size() + 1;
+  }
+  std::string text;
+  text.reserve(size);
+  text.append(message).append("\n");
+  for (const std::string& line : lines) {
+    text.append(line).append("\n");
+  }
+  return text.append("\n");
+}
 
 }  // namespace
 
@@ -14,12 +32,7 @@ ZomiExceptionImpl::ZomiExceptionImpl(std::uint32_t code, const std::string& mess
                          "]"),
       code_(code),
       backtrace_(kBacktraceDepth),
-      full_text_(std::string(std::runtime_error::what()) + "\n") {
-  for (const std::string& line : backtrace_.lines()) {
-    full_text_ += line + "\n";
-  }
-  full_text_ += "\n";
-}
+      full_text_(FullText(std::runtime_error::what(), backtrace_.lines())) {}
 
 ZomiException::ZomiException(std::uint32_t code, const std::string& message)
     : impl_(std::make_unique<ZomiExceptionImpl>(code, message)) {}

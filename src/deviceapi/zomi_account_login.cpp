@@ -158,7 +158,7 @@ int AskForLogin(Attempt& attempt, Answer& answer) {
 }
 
 // Its text is not logged: the key may be in it.
-int ReadLink(const Answer& answer, LinkIdentity& link) {
+int ReadLink(Answer& answer, LinkIdentity& link) {
   const auto id = json::FilledTextMember(answer.json, "id");
   const auto auth_key = json::FilledTextMember(answer.json, "auth_key");
   if (!id || !auth_key) {
@@ -166,6 +166,7 @@ int ReadLink(const Answer& answer, LinkIdentity& link) {
     return Fail(kBadResponse);
   }
   link = {*id, *auth_key};
+  answer.text = std::string();  // of no use any more, and there may be much of it
   return 0;
 }
 
@@ -259,7 +260,7 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
       StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) {
     return -1;
   }
-  result = answer.json;
+  result = std::move(answer.json);
   return 0;
 }
 

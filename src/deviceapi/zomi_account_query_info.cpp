@@ -5,6 +5,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "account/account_data.h"
 #include "account/link_lock.h"
@@ -123,11 +124,11 @@ bool ReadCriticalVersions(const Json::Value& answer, Profile& profile) {
 std::optional<Profile> ReadProfile(const Json::Value& answer) {
   Profile profile;
   for (std::size_t index = 0; index < kTextFields.size(); ++index) {
-    const auto text = json::TextMember(answer, kTextFields[index].name);
+    auto text = json::TextMember(answer, kTextFields[index].name);
     if (!text) {
       return std::nullopt;
     }
-    profile.texts[index] = *text;
+    profile.texts[index] = std::move(*text);
   }
   for (std::size_t index = 0; index < kFlagFields.size(); ++index) {
     const auto flag = json::BoolMember(answer, kFlagFields[index].name);
@@ -139,7 +140,7 @@ std::optional<Profile> ReadProfile(const Json::Value& answer) {
   profile.realname_validation_pass =
       json::BoolMember(answer, "realname_validation_pass").value_or(false);
   profile.report_cron_timestring = json::TextMember(answer, "report_cron_timestring");
-  return ReadCriticalVersions(answer, profile) ? std::optional(profile) : std::nullopt;
+  return ReadCriticalVersions(answer, profile) ? std::optional(std::move(profile)) : std::nullopt;
 }
 
 int LogOut(const LinkLock& lock, RecordChange& change) {
@@ -152,7 +153,7 @@ int LogOut(const LinkLock& lock, RecordChange& change) {
 // one.
 int Judge(const Json::Value& answer, const std::string& text, Profile& profile) {
   const auto word = json::TextMember(answer, "code");
-  const auto read = ReadProfile(answer);
+  auto read = ReadProfile(answer);
   if (!word || !read) {
     LogError(Here(), "Server returned insufficient data. resp=%s", text.c_str());
     return Fail(kBadResponse);
@@ -162,7 +163,7 @@ int Judge(const Json::Value& answer, const std::string& text, Profile& profile) 
     LogError(Here(), "Failed to query %s, resp=%s, code=%u", kPath, text.c_str(), LastErrorCode());
     return -1;
   }
-  profile = *read;
+  profile = std::move(*read);
   return 0;
 }
 

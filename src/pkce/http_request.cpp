@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace nodelink {
 namespace {
@@ -101,7 +102,7 @@ HttpAnswer Post(const HttpRequest& request) {
   SetForm(session, request.form.value_or(HttpForm()));
   const cpr::Response response = Perform(session);
   return {static_cast<int>(response.error.code), response.error.message,
-          static_cast<int>(response.status_code), text};
+          static_cast<int>(response.status_code), std::move(text)};
 }
 
 }  // namespace nodelink
