@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 
 #include "account/login_lock.h"
 #include "account/record_test.h"
@@ -148,6 +149,24 @@ TEST_F(LinkLockTest, ALoginHasALockOfItsOwn) {
   EXPECT_FALSE(IsFree(std::string(record::kFolder) + ".login.lock"));
   EXPECT_FALSE(waited);
   EXPECT_THAT(Log(), IsEmpty());
+}
+
+// Takes the three seconds of silence.
+TEST_F(LinkLockTest, ALoginThatWaitsSaysSoAndGoesOnWhenTheOtherEnds) {
+  std::optional<LoginLock> other;
+  other.emplace(nullptr);
+  const LoginLock login([&other] { other.reset(); });
+  EXPECT_THAT(LogWithPriorities(), ElementsAre("user.err login_lock Waiting for another login"));
+}
+
+TEST_F(LinkLockTest, ALoginThatAloneCannotHaveItsLockFails) {
+  const std::string path = std::string(record::kFolder) + ".login.lock";
+  hooks().open = [&path](const char* opened, int flags, mode_t mode) {
+    errno = EMFILE;
+    return opened == path ? -1 : interpose::RealOpen(opened, flags, mode);
+  };
+  EXPECT_EQ(CodeThrownBy([] { const LoginLock login(nullptr); }), kGenericError);
+  EXPECT_THAT(LogWithPriorities(), ElementsAre("user.err login_lock Failed to lock file: " + path));
 }
 
 }  // namespace
