@@ -9,6 +9,7 @@
 #include "account/account_service.h"
 #include "account/user.h"
 #include "core/error_code.h"
+#include "core/memory.h"
 #include "core/zomi_exception.h"
 #include "pkce/account_pkce_service.h"
 #include "pkce/pkce_config.h"
@@ -95,6 +96,7 @@ int main(int argc, char** argv) {
   // Overwrites every block of memory when it is freed: the requests are made of copies of the
   // password.
   mallopt(M_PERTURB, 0x5a);
+  nodelink::ReturnLargeBlocks();
   try {
     return Run(argc, argv);
   } catch (const nodelink::ZomiException& failure) {

@@ -1,6 +1,7 @@
 #include "core/zomi_exception.h"
 
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/error_code.h"
@@ -27,17 +28,18 @@ std::string FullText(std::string_view message, const std::vector<std::string>& l
 
 }  // namespace
 
-ZomiExceptionImpl::ZomiExceptionImpl(std::uint32_t code, const std::string& message)
-    : std::runtime_error(message + " [code=" + std::to_string(static_cast<std::int32_t>(code)) +
-                         "]"),
+ZomiExceptionImpl::ZomiExceptionImpl(std::uint32_t code, std::string message)
+    : std::runtime_error(std::move(message) +
+                         " [code=" + std::to_string(static_cast<std::int32_t>(code)) + "]"),
       code_(code),
       backtrace_(kBacktraceDepth),
       full_text_(FullText(std::runtime_error::what(), backtrace_.lines())) {}
 
-ZomiException::ZomiException(std::uint32_t code, const std::string& message)
-    : impl_(std::make_unique<ZomiExceptionImpl>(code, message)) {}
+ZomiException::ZomiException(std::uint32_t code, std::string message)
+    : impl_(std::make_unique<ZomiExceptionImpl>(code, std::move(message))) {}
 
-ZomiException::ZomiException(const std::string& message) : ZomiException(kGenericError, message) {}
+ZomiException::ZomiException(std::string message)
+    : ZomiException(kGenericError, std::move(message)) {}
 
 ZomiException::ZomiException(std::uint32_t code) : ZomiException(code, ErrorCodeToText(code)) {}
 

@@ -13,7 +13,7 @@ namespace nodelink {
 
 class ZomiExceptionImpl : public std::runtime_error {
  public:
-  ZomiExceptionImpl(std::uint32_t code, const std::string& message);
+  ZomiExceptionImpl(std::uint32_t code, std::string message);
   std::uint32_t code() const { return code_; }
   const char* what() const noexcept override { return full_text_.c_str(); }
 
@@ -26,10 +26,10 @@ class ZomiExceptionImpl : public std::runtime_error {
 // Carries an error code (core/error_code.h), a message and the call stack of the throw.
 class ZomiException : public std::exception {
  public:
-  ZomiException(std::uint32_t code, const std::string& message);
+  ZomiException(std::uint32_t code, std::string message);
 
   // The code is kGenericError.
-  explicit ZomiException(const std::string& message);
+  explicit ZomiException(std::string message);
 
   // The message is ErrorCodeToText(code).
   explicit ZomiException(std::uint32_t code);

@@ -53,6 +53,12 @@ constexpr std::array kFlagFields = {
     FlagField{"critical_release", record::kCriticalRelease},
 };
 
+// Up to 1 MiB of text, and what it says: it goes as soon as it is read.
+struct Answer {
+  std::string text;
+  Json::Value json;
+};
+
 // What the server says of the account, read from a whole answer.
 struct Profile {
   std::array<std::string, kTextFields.size()> texts;
@@ -79,8 +85,8 @@ bool MustAskServer(const AccountData& cached, Refresh refresh) {
   return refresh == Refresh::kYes || age > kCacheAnswersTo;
 }
 
-// Asks the account server; `text` receives its answer.
-int Ask(const AccountData& cached, Quick quick, std::string& text) {
+// Asks the account server.
+int Ask(const AccountData& cached, Quick quick, Answer& answer) {
   std::string host;
   std::string serial;
   if (FindAccountHost(Here(), host) < 0 || ReadSerialNumber(Here(), serial) < 0) {
@@ -89,7 +95,10 @@ int Ask(const AccountData& cached, Quick quick, std::string& text) {
   const SzHash form = MakeForm(
       Here(),
       {{"id", cached.zomi_id_serial}, {"auth_key", cached.hs_auth_key}, {"serial_no", serial}});
-  return form ? SendForm(Here(), host, kPath, form.get(), quick, text) : -1;
+  if (!form || SendForm(Here(), host, kPath, form.get(), quick, answer.text) < 0) {
+    return -1;
+  }
+  return ParseAnswer(Here(), answer.text, answer.json);
 }
 
 // `first` says that no name stands before it: a name may be empty, so the list's length does not
@@ -151,16 +160,17 @@ int LogOut(const LinkLock& lock, RecordChange& change) {
 
 // Judges the verdict of an answer that does not end the link; `profile` is filled only for a good
 // one.
-int Judge(const Json::Value& answer, const std::string& text, Profile& profile) {
-  const auto word = json::TextMember(answer, "code");
-  auto read = ReadProfile(answer);
+int Judge(const Answer& answer, Profile& profile) {
+  const auto word = json::TextMember(answer.json, "code");
+  auto read = ReadProfile(answer.json);
   if (!word || !read) {
-    LogError(Here(), "Server returned insufficient data. resp=%s", text.c_str());
+    LogError(Here(), "Server returned insufficient data. resp=%s", answer.text.c_str());
     return Fail(kBadResponse);
   }
   SetServerStatusError(word->c_str());
   if (LastErrorCode() != kSuccess) {
-    LogError(Here(), "Failed to query %s, resp=%s, code=%u", kPath, text.c_str(), LastErrorCode());
+    LogError(Here(), "Failed to query %s, resp=%s, code=%u", kPath, answer.text.c_str(),
+             LastErrorCode());
     return -1;
   }
   profile = std::move(*read);
@@ -210,25 +220,24 @@ int FillOutput(Json::Value& output) {
   }
 }
 
-int Act(const LinkLock& lock, RecordChange& change, const Json::Value& answer,
-        const std::string& text) {
-  if (json::TextMember(answer, "code") == "badauth") {
+int Act(const LinkLock& lock, RecordChange& change, Answer answer) {
+  if (json::TextMember(answer.json, "code") == "badauth") {
     return LogOut(lock, change);
   }
   Profile profile;
-  return Judge(answer, text, profile) < 0 ? -1 : Store(lock, change, profile);
-}
-
-int ActIfStillLinked(const AccountData& cached, RecordChange& change, const std::string& text) {
-  Json::Value answer;
-  if (ParseAnswer(Here(), text, answer) < 0) {
+  if (Judge(answer, profile) < 0) {
     return -1;
   }
+  answer = {};
+  return Store(lock, change, profile);
+}
+
+int ActIfStillLinked(const AccountData& cached, RecordChange& change, Answer answer) {
   const LinkLock lock;
   if (!lock.Holds(LinkOf(cached))) {
     return FailLinkChanged(Here());
   }
-  const int result = Act(lock, change, answer, text);
+  const int result = Act(lock, change, std::move(answer));
   if (result < 0) {
     change.Undo(lock);
   }
@@ -236,12 +245,12 @@ int ActIfStillLinked(const AccountData& cached, RecordChange& change, const std:
 }
 
 int RefreshRecord(const AccountData& cached, Quick quick, RecordChange& change) {
-  std::string text;
-  if (Ask(cached, quick, text) < 0) {
+  Answer answer;
+  if (Ask(cached, quick, answer) < 0) {
     return -1;
   }
   try {
-    return ActIfStillLinked(cached, change, text);
+    return ActIfStillLinked(cached, change, std::move(answer));
   } catch (const ZomiException& failure) {
     return Fail(failure.code());  // the lock of the link; the reason is logged there
   }
