@@ -158,7 +158,7 @@ int AskForLogin(Attempt& attempt, Answer& answer) {
 }
 
 // Its text is not logged: the key may be in it.
-int ReadLink(Answer& answer, LinkIdentity& link) {
+int ReadLink(const Answer& answer, LinkIdentity& link) {
   const auto id = json::FilledTextMember(answer.json, "id");
   const auto auth_key = json::FilledTextMember(answer.json, "auth_key");
   if (!id || !auth_key) {
@@ -166,7 +166,6 @@ int ReadLink(Answer& answer, LinkIdentity& link) {
     return Fail(kBadResponse);
   }
   link = {*id, *auth_key};
-  answer.text = std::string();  // of no use any more, and there may be much of it
   return 0;
 }
 
@@ -256,8 +255,11 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
     return -1;
   }
   const std::optional<LinkIdentity> link_before = CurrentLink();
-  if (AskForLogin(attempt, answer) < 0 || ReadLink(answer, link) < 0 ||
-      StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) {
+  if (AskForLogin(attempt, answer) < 0 || ReadLink(answer, link) < 0) {
+    return -1;
+  }
+  answer.text = std::string();  // it may be large, and so may the profile that comes next
+  if (StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) {
     return -1;
   }
   result = std::move(answer.json);
