@@ -69,6 +69,12 @@ ProcessResult Device::LogIn(const std::vector<std::string>& options, const std::
   return RunProcess(words, {.stdin_text = input});
 }
 
+std::vector<std::string> Device::FastClock(int times) {
+  const std::string speed = "+0 x" + std::to_string(times);
+  test_files::Write("/etc/faketimerc", speed + "\n");  // the programs drop their environment
+  return {"faketime", "-f", speed};
+}
+
 std::vector<std::string> Device::Log() {
   std::vector<std::string> texts;
   for (const LogLine& line : sink_.Lines()) {

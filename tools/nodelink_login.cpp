@@ -10,6 +10,7 @@
 #include "account/user.h"
 #include "core/error_code.h"
 #include "core/memory.h"
+#include "core/process.h"
 #include "core/zomi_exception.h"
 #include "pkce/account_pkce_service.h"
 #include "pkce/pkce_config.h"
@@ -93,6 +94,7 @@ int SayFailure(std::uint32_t code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  nodelink::HardenProcess();
   // Overwrites every block of memory when it is freed: the requests are made of copies of the
   // password.
   mallopt(M_PERTURB, 0x5a);

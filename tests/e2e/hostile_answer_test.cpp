@@ -237,7 +237,7 @@ class SlowAnswerTest : public HostileAnswerTest {
     response.fault.slow_bytes = bytes;
     response.fault.slow_interval = pause;
     bad_.SetAnswer(response);
-    ExpectFailure(RunFlow({"faketime", "-f", "+0 x120"}));
+    ExpectFailure(RunFlow(FastClock(120)));
     EXPECT_EQ(State(), before);
   }
 };

@@ -237,10 +237,11 @@ TEST_F(LockFiles, ALockThatIsNeverFreeIsGivenUp) {
   GTEST_SKIP() << "the sanitizer and the fast clock both want to be loaded first";
 #endif
   const base::UniqueFd query = Hold(kQueryLock);
-  ExpectNoQuery({"faketime", "-f", "+0 x60"});
+  ExpectNoQuery(FastClock(60));
   const base::UniqueFd read = Hold(kReadLock);
-  EXPECT_EQ(lab::RunProcess({"faketime", "-f", "+0 x60", kProgram, "--report_info"}).exit_status,
-            0);
+  auto report = FastClock(60);
+  report.insert(report.end(), {kProgram, "--report_info"});
+  EXPECT_EQ(lab::RunProcess(report).exit_status, 0);
   EXPECT_THAT(Log(), Contains(StartsWith(kNoRenewal)));
 }
 

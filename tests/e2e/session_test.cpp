@@ -229,9 +229,9 @@ TEST_F(Session, ALoginWaitsForAnotherOneAndSaysSo) {
   const base::UniqueFd other(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0) << "the login before has let go";
   const std::size_t before = Requests().size();
-  const auto result =
-      lab::RunProcess({"faketime", "-f", "+0 x60", lab::kLoginProgram, "--password", kEmail},
-                      {.stdin_text = std::string(kPassword) + "\n"});
+  auto login = FastClock(60);
+  login.insert(login.end(), {lab::kLoginProgram, "--password", kEmail});
+  const auto result = lab::RunProcess(login, {.stdin_text = std::string(kPassword) + "\n"});
   EXPECT_EQ(result.err,
             "nodelink-login: waiting for another login\n"
             "nodelink-login: System error (code 24)\n");
