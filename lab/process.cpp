@@ -173,7 +173,8 @@ void BackgroundProcess::Start(const std::vector<std::string>& argv, const Proces
   SetNonBlocking(out.read_end);
   SetNonBlocking(err.read_end);
   const std::vector<char*> arguments = Pointers(argv);
-  const std::vector<char*> environment = Pointers(options.environment.value_or(argv));
+  const std::vector<char*> environment =
+      Pointers(options.environment ? *options.environment : argv);
   const Launch launch{arguments.data(),
                       options.environment ? environment.data() : environ,
                       &options,

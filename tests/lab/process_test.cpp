@@ -66,8 +66,9 @@ TEST(RunProcess, DoesNotWaitForWhatItLeavesBehind) {
 
 TEST(RunProcess, GivesTheEnvironmentAndFolder) {
   const ProcessResult result =
-      RunProcess({"/usr/bin/env"}, {.environment = std::vector<std::string>{"ONLY=this one"}});
-  EXPECT_EQ(result.out, "ONLY=this one\n");
+      RunProcess({"/usr/bin/env"}, {.environment = std::vector<std::string>{
+                                        "ONLY=this one, longer than a string holds in itself"}});
+  EXPECT_EQ(result.out, "ONLY=this one, longer than a string holds in itself\n");
   EXPECT_EQ(RunProcess({"pwd"}, {.working_folder = "/usr"}).out, "/usr\n");
 }
 
