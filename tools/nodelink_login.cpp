@@ -95,8 +95,8 @@ int SayFailure(std::uint32_t code) {
 
 int main(int argc, char** argv) {
   nodelink::HardenProcess();
-  // Overwrites every block of memory when it is freed: the requests are made of copies of the
-  // password.
+  // Overwrites what libraries in C free, of which the requests are made (but for blocks that the C
+  // library keeps for the next who wants one as large); the rest is wiping_new.cpp's.
   mallopt(M_PERTURB, 0x5a);
   nodelink::ReturnLargeBlocks();
   try {

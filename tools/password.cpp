@@ -2,15 +2,25 @@
 
 #include <bsd/readpassphrase.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 namespace nodelink_login {
 namespace {
 
 constexpr std::size_t kSize = 4096;
+
+// Out of the swap space and of core files. An ordinary user's process may not be allowed to.
+void KeepInMemory(char* block, std::size_t size) {
+  const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t offset = reinterpret_cast<std::uintptr_t>(block) % page;
+  (void)mlock(block - offset, size + offset);
+  (void)madvise(block - offset, size + offset, MADV_DONTDUMP);
+}
 
 // Byte by byte: what follows the line is not the password's reader's.
 void ReadLine(std::string& line) {
@@ -41,7 +51,10 @@ void AskOnTerminal(std::string& text) {
 }  // namespace
 
 // Room for all of it from the start: a growing string would leave copies behind.
-Password::Password() { text_.reserve(kSize); }
+Password::Password() {
+  text_.reserve(kSize);
+  KeepInMemory(text_.data(), text_.capacity());
+}
 
 Password::Password(Password&& other) noexcept : text_(std::move(other.text_)) {}
 

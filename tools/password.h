@@ -1,4 +1,4 @@
-// A password that leaves no trace in memory.
+// A password that leaves no trace in memory, and is never in a core file or swapped out.
 #pragma once
 
 #include <string>

@@ -44,7 +44,7 @@ int ReadSerialNumber(LogSite site, std::string& serial) {
 SzHash MakeForm(LogSite site, const FormFields& fields) {
   SzHash form(KLIBCSzHashAlloc(kFormSize));
   for (const auto& [name, value] : fields) {
-    if (!form || KLIBCSzHashSetValue(form.get(), name, value.c_str()) < 0) {
+    if (!form || KLIBCSzHashSetValue(form.get(), name, value) < 0) {
       LogError(site, "Failed to alloc https request, err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
       SetLastErrorCode(kSystemError);
       return nullptr;

@@ -17,7 +17,8 @@ namespace nodelink {
 
 enum class Quick { kNo, kYes };  // deviceapi/zomi_https_req_send.h
 
-using FormFields = std::vector<std::pair<const char*, std::string>>;
+// Names and values, borrowed: one may be a password, of which there should be no copy on the way.
+using FormFields = std::vector<std::pair<const char*, const char*>>;
 
 // The account server's base URL. Returns 0, or -1 with kNoServerConfig.
 [[nodiscard]] int FindAccountHost(LogSite site, std::string& host);

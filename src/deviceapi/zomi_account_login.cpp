@@ -95,11 +95,11 @@ int Prepare(const std::string& password, Attempt& attempt) {
     return -1;
   }
   attempt.form = MakeForm(Here(), {{"type", kLoginType},
-                                   {"email", attempt.identifier},
-                                   {"passwd", password},
-                                   {"serial_no", serial},
-                                   {"api_key", api_key},
-                                   {"mac", mac}});
+                                   {"email", attempt.identifier.c_str()},
+                                   {"passwd", password.c_str()},
+                                   {"serial_no", serial.c_str()},
+                                   {"api_key", api_key.c_str()},
+                                   {"mac", mac.c_str()}});
   return attempt.form ? 0 : -1;
 }
 
@@ -154,6 +154,7 @@ int AskForLogin(Attempt& attempt, Answer& answer) {
   if (answer.code == kApiKeyNotFound && (ReplaceApiKey(attempt) < 0 || Ask(attempt, answer) < 0)) {
     return -1;
   }
+  attempt.form.reset();  // the password in it has been used
   return answer.code == kSuccess ? 0 : Refused(attempt, answer);
 }
 

@@ -92,9 +92,9 @@ int Ask(const AccountData& cached, Quick quick, Answer& answer) {
   if (FindAccountHost(Here(), host) < 0 || ReadSerialNumber(Here(), serial) < 0) {
     return -1;
   }
-  const SzHash form = MakeForm(
-      Here(),
-      {{"id", cached.zomi_id_serial}, {"auth_key", cached.hs_auth_key}, {"serial_no", serial}});
+  const SzHash form = MakeForm(Here(), {{"id", cached.zomi_id_serial.c_str()},
+                                        {"auth_key", cached.hs_auth_key.c_str()},
+                                        {"serial_no", serial.c_str()}});
   if (!form || SendForm(Here(), host, kPath, form.get(), quick, answer.text) < 0) {
     return -1;
   }

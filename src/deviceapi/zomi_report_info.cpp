@@ -69,10 +69,10 @@ int Ask(const AccountData& account, std::string& text) {
       ReadSerialNumber(Here(), serial) < 0) {
     return -1;
   }
-  const SzHash form = MakeForm(Here(), {{"id", account.zomi_id_serial},
-                                        {"auth_key", account.hs_auth_key},
-                                        {"timezone", timezone},
-                                        {"serial_no", serial},
+  const SzHash form = MakeForm(Here(), {{"id", account.zomi_id_serial.c_str()},
+                                        {"auth_key", account.hs_auth_key.c_str()},
+                                        {"timezone", timezone.c_str()},
+                                        {"serial_no", serial.c_str()},
                                         {"hs_info", ""}});
   return form ? SendForm(Here(), host, kPath, form.get(), Quick::kNo, text) : -1;
 }
