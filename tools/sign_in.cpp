@@ -1,15 +1,12 @@
 #include "tools/sign_in.h"
 
-#include <curl/curl.h>
 #include <sys/random.h>
+#include <uriparser/Uri.h>
 
 #include <array>
-#include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/split.hpp>
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <vector>
 
 #include "core/error_code.h"
 #include "core/zomi_exception.h"
@@ -20,12 +17,31 @@ namespace {
 
 using nodelink::ZomiException;
 
-struct CurlFree {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
-  void operator()(char* text) const { curl_free(text); }
+// The parts of an address; they point into its text.
+class Address {
+ public:
+  explicit Address(const std::string& text)
+      : parsed_(uriParseSingleUriA(&uri_, text.c_str(), nullptr) == URI_SUCCESS) {}
+  Address(const Address&) = delete;
+  Address& operator=(const Address&) = delete;
+  ~Address() {
+    if (parsed_) {
+      uriFreeUriMembersA(&uri_);
+    }
+  }
+
+  bool HasQuery() const { return parsed_ && uri_.query.first != nullptr; }
+  const UriTextRangeA& query() const { return uri_.query; }
+
+ private:
+  UriUriA uri_{};
+  bool parsed_;
 };
-using Url = std::unique_ptr<CURLU, CurlFree>;
-using CurlText = std::unique_ptr<char, CurlFree>;
+
+struct QueryFree {
+  void operator()(UriQueryListA* list) const { uriFreeQueryListA(list); }
+};
+using QueryList = std::unique_ptr<UriQueryListA, QueryFree>;
 
 std::string RandomState() {
   std::array<unsigned char, 16> bytes{};
@@ -42,33 +58,33 @@ std::string RandomState() {
 }
 
 std::string Escape(const std::string& text) {
-  const CurlText escaped(curl_easy_escape(nullptr, text.c_str(), static_cast<int>(text.size())));
-  return escaped ? escaped.get() : "";
+  constexpr std::size_t kLongestEscape = 3;
+  std::string escaped(text.size() * kLongestEscape + 1, '\0');
+  const char* end =
+      uriEscapeExA(text.data(), text.data() + text.size(), escaped.data(), URI_FALSE, URI_FALSE);
+  escaped.resize(static_cast<std::size_t>(end - escaped.data()));
+  return escaped;
 }
 
-std::string Unescape(const std::string& text) {
-  int length = 0;
-  const CurlText plain(
-      curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length));
-  return plain ? std::string(plain.get(), static_cast<std::size_t>(length)) : "";
+QueryList Dissect(const UriTextRangeA& query) {
+  UriQueryListA* fields = nullptr;
+  int count = 0;
+  uriDissectQueryMallocExA(&fields, &count, query.first, query.afterLast, URI_FALSE,
+                           URI_BR_DONT_TOUCH);
+  return QueryList(fields);
 }
 
 // The query of the address `text` as names and values; empty when it is no address.
 std::map<std::string, std::string> ReadQuery(const std::string& text) {
-  const Url url(curl_url());
-  char* query = nullptr;
-  if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_QUERY, &query, 0) != CURLUE_OK) {
-    return {};
-  }
-  const CurlText owned(query);
-  std::vector<std::string> fields;
-  boost::algorithm::split(fields, query, boost::algorithm::is_any_of("&"));
+  const Address address(text);
   std::map<std::string, std::string> values;
-  for (const std::string& field : fields) {
-    const std::size_t equals = field.find('=');
-    if (equals != std::string::npos) {
-      values[Unescape(field.substr(0, equals))] = Unescape(field.substr(equals + 1));
+  if (!address.HasQuery()) {
+    return values;
+  }
+  const QueryList fields = Dissect(address.query());
+  for (const UriQueryListA* field = fields.get(); field != nullptr; field = field->next) {
+    if (field->value != nullptr) {
+      values[field->key] = field->value;
     }
   }
   return values;

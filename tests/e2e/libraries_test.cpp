@@ -15,9 +15,10 @@ constexpr char kHttpStack[] =
 
 class Libraries : public DeviceTest {
  protected:
-  // The libraries that nodelink initialises in the course of `options`, also those loaded late.
-  static std::vector<std::string> LoadedBy(const std::vector<std::string>& options) {
-    std::vector<std::string> words = {"/usr/kivo/bin/nodelink"};
+  // The libraries that a program initialises in the course of `options`, also those loaded late.
+  static std::vector<std::string> LoadedBy(const std::vector<std::string>& options,
+                                           const char* program = kProgram) {
+    std::vector<std::string> words = {program};
     words.insert(words.end(), options.begin(), options.end());
     const auto result = lab::RunProcess(words, {.environment = {{"LD_DEBUG=files"}}});
     EXPECT_EQ(result.exit_status, 0);
@@ -37,6 +38,10 @@ class Libraries : public DeviceTest {
 };
 
 TEST_F(Libraries, HelpLoadsNoHttpStack) { ExpectNoHttpStack(LoadedBy({"--help"})); }
+
+TEST_F(Libraries, OfLoginsOwnAreNoHttpStack) {
+  ExpectNoHttpStack(LoadedBy({"--help"}, lab::kLoginProgram));
+}
 
 TEST_F(Libraries, UpdateLoadsNoHttpStack) {
   LinkDevice();
