@@ -53,10 +53,13 @@ bool Flush(int fd) {
   return result == 0;
 }
 
-UniqueFd OpenFolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  return UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+bool IsOfRootAlone(int fd) {
+  struct stat info {};
+  if (fstat(fd, &info) != 0) {
+    return false;
+  }
+  errno = EPERM;
+  return S_ISREG(info.st_mode) && info.st_uid == 0 && (info.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
 // A new file that is removed again unless it is renamed.
@@ -168,6 +171,19 @@ std::string TemporaryPrefix(std::string_view name) {
 }
 
 std::string FileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+UniqueFd LockFileOfRoot(const char* path) {
+  constexpr int kFlags = O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  UniqueFd file(open(path, kFlags, kPrivateMode));
+  return file && IsOfRootAlone(file.get()) && LockWithinLimit(file.get()) ? std::move(file)
+                                                                          : UniqueFd();
+}
+
+UniqueFd OpenFolderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
 
 UniqueFd LockFolderOf(const std::string& path) {
   UniqueFd fd = OpenFolderOf(path);

@@ -40,6 +40,15 @@ std::string TemporaryPrefix(std::string_view name);
 // not through a link. A lock on a file that nobody else can find keeps nobody out.
 [[nodiscard]] bool StandsAt(int fd, const char* path);
 
+// Opens, or makes, the lock file `path` of root's and takes its lock, waiting 30 seconds at most:
+// nobody else can open it, and so keep root waiting. It ends with the descriptor, and the file
+// stays. None, with errno set (EWOULDBLOCK when time ran out, EPERM when what stands there is no
+// file of root's alone), on failure.
+[[nodiscard]] UniqueFd LockFileOfRoot(const char* path);
+
+// Opens the folder of `path`. None, with errno set, on failure.
+[[nodiscard]] UniqueFd OpenFolderOf(const std::string& path);
+
 // Opens the folder of `path` and locks it against every other writer that locks it so, waiting 30
 // seconds at most. The lock is the folder's and not the file's, because a file that is renamed over
 // takes its lock with it; it ends with the descriptor. None, with errno set (EWOULDBLOCK when time
@@ -50,10 +59,11 @@ std::string TemporaryPrefix(std::string_view name);
 // come back otherwise. False with errno set.
 bool FlushFolderOf(const std::string& path);
 
-// Replaces, or makes, the file `name` in `folder`, a descriptor of LockFolderOf. Temporary files
-// that killed writers left of `name` are removed on the way. False, with errno set and the old file
-// as it was, when any step before the rename fails; false also when only the last flush, that of
-// the folder, fails: the new file then stands, but may not survive a power failure.
+// Replaces, or makes, the file `name` in `folder`, whose other writers the caller holds off (as
+// LockFolderOf does). Temporary files that killed writers left of `name` are removed on the way.
+// False, with errno set and the old file as it was, when any step before the rename fails; false
+// also when only the last flush, that of the folder, fails: the new file then stands, but may not
+// survive a power failure.
 [[nodiscard]] bool ReplaceInFolder(const UniqueFd& folder, const std::string& name,
                                    std::string_view content, const FileAttributes& attributes);
 

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "base/atomic_replace.h"
@@ -38,6 +40,21 @@ std::optional<base::FileAttributes> AttributesFor(int folder, const std::string&
 }
 
 }  // namespace
+
+std::optional<LockedFolder> LockedFolder::Under(const char* lock, const std::string& path) {
+  base::UniqueFd held = base::LockFileOfRoot(lock);
+  if (!held) {
+    SetErrorFromErrno();
+    syslog(LOG_ERR, "Failed to lock %s: %s", lock, std::strerror(errno));
+    return std::nullopt;
+  }
+  base::UniqueFd folder = base::OpenFolderOf(path);
+  if (!folder) {
+    SetErrorFromErrno();
+    return std::nullopt;
+  }
+  return LockedFolder(std::move(folder), std::move(held));
+}
 
 std::optional<LockedFolder> LockedFolder::Of(const std::string& path) {
   base::UniqueFd folder = base::LockFolderOf(path);

@@ -21,9 +21,14 @@ enum class Attributes {
 };
 
 // A folder that is held against every other writer of this library in any of its files. The lock is
-// the folder's and not the file's, because a file that gets renamed over takes its lock with it.
+// not the replaced file's, because a file that gets renamed over takes its lock with it.
 class LockedFolder {
  public:
+  // Opens the folder of `path` and waits up to 30 seconds for the lock of the file `lock`, which is
+  // root's alone: for a folder that anybody may open, and then hold its own lock. Logs why the lock
+  // cannot be had.
+  [[nodiscard]] static std::optional<LockedFolder> Under(const char* lock, const std::string& path);
+
   // Opens the folder of `path` and waits up to 30 seconds for its lock.
   [[nodiscard]] static std::optional<LockedFolder> Of(const std::string& path);
 
@@ -42,8 +47,10 @@ class LockedFolder {
   [[nodiscard]] bool IsPublicOfTheRoot(const std::string& name) const;
 
  private:
-  explicit LockedFolder(base::UniqueFd folder) : folder_(std::move(folder)) {}
+  explicit LockedFolder(base::UniqueFd folder, base::UniqueFd lock = {})
+      : lock_(std::move(lock)), folder_(std::move(folder)) {}
 
+  base::UniqueFd lock_;  // none when the folder itself is locked
   base::UniqueFd folder_;
 };
 

@@ -1,5 +1,7 @@
 #include "kivo/crond.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <exception>
@@ -18,6 +20,9 @@ namespace {
 
 constexpr const char* kListPrefix = "/etc/cron.d/kivo-";
 constexpr const char* kOldSchedule = "/etc/crontab";
+constexpr const char* kLockFolder = "/usr/kivo/var";
+constexpr mode_t kLockFolderMode = 0755;
+constexpr const char* kLock = "/usr/kivo/var/.cron.lock";  // of the writers of both
 constexpr std::size_t kLongestName = 64;
 constexpr std::size_t kLongestUser = 32;
 constexpr std::size_t kLongestCommand = 990;  // cron cuts a command at 1000 bytes
@@ -118,8 +123,14 @@ std::optional<std::string> ListText(const std::string& list, const Json::Value& 
   return text;
 }
 
+// The folder of `path`, held against the other writers of cron's files.
+std::optional<LockedFolder> LockFor(const std::string& path) {
+  (void)mkdir(kLockFolder, kLockFolderMode);  // where that fails, locking says why
+  return LockedFolder::Under(kLock, path);
+}
+
 bool WriteList(const std::string& path, std::string_view text) {
-  const std::optional<LockedFolder> folder = LockedFolder::Of(path);
+  const std::optional<LockedFolder> folder = LockFor(path);
   if (!folder) return false;
   const std::string name = base::FileNameOf(path);
   // An untouched file keeps its time stamp, and cron does not read it anew.
@@ -136,7 +147,7 @@ bool SaveList(const std::string& name, const Json::Value& jobs) {
 
 bool RemoveList(const std::string& name) {
   if (!IsName(name)) return False(kBadArgument);
-  const std::optional<LockedFolder> folder = LockedFolder::Of(kListPrefix);
+  const std::optional<LockedFolder> folder = LockFor(kListPrefix);
   return folder && folder->Remove(base::FileNameOf(kListPrefix + name));
 }
 
@@ -174,7 +185,7 @@ std::string WithoutCommand(std::string_view text, std::string_view command) {
 }
 
 int RemoveFromOldSchedule(std::string_view command) {
-  const std::optional<LockedFolder> folder = LockedFolder::Of(kOldSchedule);
+  const std::optional<LockedFolder> folder = LockFor(kOldSchedule);
   if (!folder) return -1;
   const std::string name = base::FileNameOf(kOldSchedule);
   const FileText file = folder->Read(name);

@@ -163,4 +163,23 @@ TEST_F(Hardening, PlugInsStartAfresh) {
   EXPECT_THAT(probe, Not(HasSubstr("CALLERS")));
 }
 
+// Everybody may open cron's folders, and hold the locks on them.
+TEST_F(Hardening, NoOrdinaryUserKeepsTheReportsJobAway) {
+  if (lab::RunProcess({"setpriv", "--reuid", "1026", "--clear-groups", "true"}).exit_status != 0) {
+    GTEST_SKIP() << "the lab of an ordinary user has no other users";
+  }
+  lab::BackgroundProcess other(
+      {"flock", "/etc", "flock", "/etc/cron.d", "sh", "-c", "echo held; cat"},
+      {.uid = 1026, .gid = 100});
+  ASSERT_EQ(other.WaitForLine(), "held");
+  const auto run = [](const char* option) {
+    return lab::RunProcess({kProgram, option}, {.time_limit = kLimit});
+  };
+  EXPECT_FALSE(run("--update").timed_out);
+  EXPECT_TRUE(test_files::Exists(kReportJob));
+  EXPECT_FALSE(run("--logout").timed_out);
+  EXPECT_FALSE(test_files::Exists(kReportJob));
+  EXPECT_THAT(Log(), testing::Each(Not(HasSubstr("Failed"))));
+}
+
 }  // namespace

@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
+#include "klibc/error.h"
 #include "klibc/exec.h"
 #include "lab/files.h"
 #include "schedule.h"
@@ -64,6 +66,8 @@ std::string AsCronReads(const std::string& command, Backslashes pair) {
   }
   return out;
 }
+
+constexpr const char* kLock = "/usr/kivo/var/.cron.lock";
 
 class Crond : public testing::Test {
  protected:
@@ -205,6 +209,37 @@ TEST_F(Crond, TheOlderEntryGoesAndTheRestStays) {
   EXPECT_GE(KIVOScheduleRemove(command.c_str()), 0);
   EXPECT_EQ(test_files::InodeOf(kCrontab), inode);
   EXPECT_LT(KIVOScheduleRemove(""), 0);
+}
+
+TEST_F(Crond, TheLockIsRootsAlone) {
+  test_files::Remove(kLock);
+  ASSERT_TRUE(Save(Jobs("1 2 * * *")));
+  EXPECT_EQ(test_files::ModeOf(kLock), 0600U);
+  EXPECT_TRUE(Save(Jobs("1 3 * * *"))) << "and stays";
+}
+
+TEST_F(Crond, WhatIsNoLockOfRootsAloneIsNoLock) {
+  ASSERT_TRUE(Save(Jobs("1 2 * * *")));
+  const std::string before = test_files::Read(kList);
+  const auto expect_failure = [&before](int error) {
+    EXPECT_FALSE(Save(Jobs("1 3 * * *")));
+    EXPECT_EQ(KLIBCErrGet(), error);
+    EXPECT_FALSE(KIVO::KIVOCrond::ConfigManager("zomi", false).Remove());
+    EXPECT_LT(KIVOScheduleRemove("true"), 0);
+    EXPECT_EQ(test_files::Read(kList), before);
+    test_files::Remove(kLock);
+  };
+  test_files::Remove(kLock);
+  test_files::Write("/var/tmp/elsewhere", "", 0600);
+  ASSERT_EQ(symlink("/var/tmp/elsewhere", kLock), 0);
+  expect_failure(ELOOP);
+  test_files::Write(kLock, "", 0644);
+  expect_failure(EPERM);
+  ASSERT_EQ(mkfifo(kLock, 0600), 0);
+  expect_failure(EPERM);
+  test_files::Write(kLock, "", 0600);
+  ASSERT_EQ(chown(kLock, 1026, 100), 0);
+  expect_failure(EPERM);
 }
 
 }  // namespace
