@@ -24,12 +24,20 @@ endif()
 # Log lines name their source file; the build machine's folders have no business in the program.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-add_compile_options(-fstack-protector-strong)
+add_compile_options(-fstack-protector-strong -fstack-clash-protection -D_GLIBCXX_ASSERTIONS
+  -Wformat -Werror=format-security)
+# Indirect jumps and returns only lead where the compiler meant them to.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64|i[3-6]86")
+  add_compile_options(-fcf-protection)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+  add_compile_options(-mbranch-protection=standard)
+endif()
 add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
 if(NODELINK_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
-  add_compile_options(-D_FORTIFY_SOURCE=2)
+  # A package's build brings a level of its own.
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
   add_link_options(-Wl,--gc-sections)
 endif()
