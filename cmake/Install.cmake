@@ -22,17 +22,15 @@ function(install_documents component)
   endforeach()
 endfunction()
 
-install(TARGETS nodelink nodelink-login nodelink_http_module
-  RUNTIME DESTINATION ${appliance}/bin COMPONENT nodelink
-  LIBRARY DESTINATION ${appliance}/lib COMPONENT nodelink)
+install(TARGETS nodelink nodelink-login RUNTIME DESTINATION ${appliance}/bin COMPONENT nodelink)
+install(TARGETS nodelink-http RUNTIME DESTINATION ${appliance}/lib COMPONENT nodelink)
 install(FILES data/pkce_login.conf data/pkce_register.conf
   DESTINATION ${appliance}/etc.defaults/veltrix-account/config COMPONENT nodelink)
 install(DIRECTORY DESTINATION ${appliance}/etc/veltrix-account/private ${private_mode} COMPONENT nodelink)
 install_documents(nodelink nodelink nodelink-login user.conf)
 
-install(TARGETS kivohosnotify kivo_cloudservice
-  RUNTIME DESTINATION ${appliance}/bin COMPONENT platform
-  LIBRARY DESTINATION ${appliance}/lib COMPONENT platform)
+install(TARGETS kivohosnotify RUNTIME DESTINATION ${appliance}/bin COMPONENT platform)
+install(TARGETS kivo-cloudservice RUNTIME DESTINATION ${appliance}/lib COMPONENT platform)
 install(DIRECTORY DESTINATION ${appliance}/lib/plugin COMPONENT platform)
 install(DIRECTORY DESTINATION ${appliance}/var COMPONENT platform)
 install(DIRECTORY DESTINATION ${appliance}/etc/cloudservice ${private_mode} COMPONENT platform)

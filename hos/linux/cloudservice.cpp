@@ -14,8 +14,8 @@
 
 #include "atomic_replace.h"
 #include "base/atomic_replace.h"
-#include "base/module.h"
-#include "cloudservice_post.h"
+#include "base/confined_program.h"
+#include "cloudservice_messages.h"
 #include "device_facts.h"
 #include "error.h"
 #include "file.h"
@@ -68,27 +68,31 @@ Outcome RequestFailed(PostEnd end) {
   return Failed(CloudError::kNetwork, kNetworkFailed);
 }
 
-// Null when the module is not installed.
-PostForm* LoadPostForm() {
-  std::string why;
-  const auto entry = reinterpret_cast<PostForm* (*)()>(
-      base::ModuleSymbol(kCloudModulePath, kCloudModuleSymbol, why));
-  if (entry == nullptr) syslog(LOG_ERR, "Failed to load the cloud-service module: %s", why.c_str());
-  return entry == nullptr ? nullptr : entry();
-}
-
 // The callers log no reason of their own.
 void LogFailure(const std::string& url, const std::string& why) {
   syslog(LOG_ERR, "Failed to register an API key at %s: %s", url.c_str(), why.c_str());
 }
 
+// Nothing, logged, when the program gives no answer that is one.
+std::optional<PostAnswer> AskProgram(const PostQuestion& question) {
+  constexpr std::chrono::seconds kGrace{10};  // the program keeps the limit itself
+  base::ConfinedProgram program(kCloudProgram);
+  std::string why = "the answer is malformed";
+  const auto message =
+      program.Ask(Encode(question), kLongestPostAnswer, kPostTimeLimit + kGrace, why);
+  auto answer = message ? DecodePostAnswer(*message) : std::nullopt;
+  if (!answer) syslog(LOG_ERR, "Failed to ask %s: %s", kCloudProgram, why.c_str());
+  return answer;
+}
+
 Outcome Post(const std::string& url, const FormFields& fields) {
-  PostForm* const post = LoadPostForm();
   char agent[kAgentSize] = "";
-  if (post == nullptr || KLIBHsinfoUserAgentGet(kProduct, agent, kAgentSize) < 0) {
+  if (KLIBHsinfoUserAgentGet(kProduct, agent, kAgentSize) < 0) {
     return Failed(CloudError::kLocal, kInternal);
   }
-  const PostAnswer answer = post(url, agent, fields);
+  const std::optional<PostAnswer> given = AskProgram({url, agent, fields});
+  if (!given) return Failed(CloudError::kLocal, kInternal);
+  const PostAnswer& answer = *given;
   if (answer.end != PostEnd::kAnswered) {
     LogFailure(url, answer.text);
     return RequestFailed(answer.end);

@@ -2,6 +2,7 @@
 // back.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -19,6 +20,11 @@ struct DeviceApiRequest {
   int use_get;                  // 1: parameters in the query string; else a form as POST body
   int quick;                    // not 0: at most 2 attempts of 15 s; else 3 of 120 s
 };
+
+// The longest that a send takes: its attempts, each with the pause that may follow it.
+constexpr std::chrono::seconds DeviceApiTimeLimit(bool quick) {
+  return quick ? std::chrono::seconds(2 * (15 + 1)) : std::chrono::seconds(3 * (120 + 1));
+}
 
 struct DeviceApiResponse {
   std::int32_t transfer_result;  // libcurl's last result code; 0 when nothing was started

@@ -1,6 +1,7 @@
 // The OAuth requests' transport: one POST over HTTPS, one answer back.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -29,8 +30,10 @@ struct HttpAnswer {
   std::string text;           // body, 1 MiB at most: a longer one is a transfer error
 };
 
-// Posts `request`, within 30 seconds. Redirects are not followed, so that no token or key is sent
-// on. Never throws for a bad URL or answer: that is a transfer error.
+inline constexpr std::chrono::seconds kPostTimeLimit{30};
+
+// Posts `request`, within kPostTimeLimit. Redirects are not followed, so that no token or key is
+// sent on. Never throws for a bad URL or answer: that is a transfer error.
 HttpAnswer Post(const HttpRequest& request);
 
 }  // namespace nodelink

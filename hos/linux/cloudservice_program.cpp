@@ -1,16 +1,21 @@
-#include "cloudservice_post.h"
+// kivo-cloudservice: sends the platform's requests to the cloud-service server, for programs that
+// must not talk to the network themselves.
 
 #include <curl/curl.h>
 
+#include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string>
+
+#include "base/confinement.h"
+#include "base/transport_floor.h"
+#include "cloudservice_messages.h"
 
 namespace hos_linux {
 namespace {
 
-constexpr const char* kCertificates = "/etc/ssl/certs/ca-certificates.crt";
-constexpr std::size_t kLargestAnswer = std::size_t{64} * 1024;
 constexpr long kConnectSeconds = 15;
-constexpr long kTotalSeconds = 30;
 
 using Curl = std::unique_ptr<CURL, void (*)(CURL*)>;
 
@@ -31,7 +36,7 @@ std::string Escaped(CURL* curl, const std::string& text) {
 std::string FormText(CURL* curl, const FormFields& fields) {
   std::string form;
   for (const auto& [name, value] : fields) {
-    form += (form.empty() ? "" : "&") + std::string(name) + "=" + Escaped(curl, value);
+    form += (form.empty() ? "" : "&") + name + "=" + Escaped(curl, value);
   }
   return form;
 }
@@ -54,26 +59,23 @@ class Options {
   bool good_ = true;
 };
 
-// The platform knows its proxy, if it has one, from no environment variable.
-bool Prepare(CURL* curl, const std::string& url, const std::string& agent, const std::string& form,
-             std::string& answer) {
-  return Options(curl)
-      .Set(CURLOPT_URL, url.c_str())
-      .Set(CURLOPT_PROTOCOLS_STR, "https")
-      .Set(CURLOPT_FOLLOWLOCATION, 0L)
-      .Set(CURLOPT_PROXY, "")
-      .Set(CURLOPT_USERAGENT, agent.c_str())
-      .Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()))
-      .Set(CURLOPT_COPYPOSTFIELDS, form.c_str())
-      .Set(CURLOPT_SSL_VERIFYPEER, 1L)
-      .Set(CURLOPT_SSL_VERIFYHOST, 2L)
-      .Set(CURLOPT_CAINFO, kCertificates)
-      .Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds)
-      .Set(CURLOPT_TIMEOUT, kTotalSeconds)
-      .Set(CURLOPT_NOSIGNAL, 1L)
-      .Set(CURLOPT_WRITEFUNCTION, AppendAnswer)
-      .Set(CURLOPT_WRITEDATA, static_cast<void*>(&answer))
-      .good();
+bool Prepare(CURL* curl, const PostQuestion& question, std::string& answer) {
+  const std::string form = FormText(curl, question.fields);
+  return base::SetTransportFloor(curl) == CURLE_OK &&
+         Options(curl)
+             .Set(CURLOPT_URL, question.url.c_str())
+             .Set(CURLOPT_FOLLOWLOCATION, 0L)
+             .Set(CURLOPT_USERAGENT, question.agent.c_str())
+             .Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()))
+             .Set(CURLOPT_COPYPOSTFIELDS, form.c_str())
+             .Set(CURLOPT_SSL_VERIFYPEER, 1L)
+             .Set(CURLOPT_SSL_VERIFYHOST, 2L)
+             .Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds)
+             .Set(CURLOPT_TIMEOUT, static_cast<long>(kPostTimeLimit.count()))
+             .Set(CURLOPT_NOSIGNAL, 1L)
+             .Set(CURLOPT_WRITEFUNCTION, AppendAnswer)
+             .Set(CURLOPT_WRITEDATA, static_cast<void*>(&answer))
+             .good();
 }
 
 PostEnd EndOf(CURLcode result) {
@@ -92,11 +94,10 @@ PostEnd EndOf(CURLcode result) {
   }
 }
 
-PostAnswer Post(const std::string& url, const std::string& agent, const FormFields& fields) {
+PostAnswer Post(const PostQuestion& question) {
   const Curl curl(curl_easy_init(), curl_easy_cleanup);
-  PostAnswer answer{PostEnd::kNoMemory, 0, ""};
-  if (curl == nullptr ||
-      !Prepare(curl.get(), url, agent, FormText(curl.get(), fields), answer.text)) {
+  PostAnswer answer;
+  if (curl == nullptr || !Prepare(curl.get(), question, answer.text)) {
     return answer;
   }
   const CURLcode result = curl_easy_perform(curl.get());
@@ -109,9 +110,17 @@ PostAnswer Post(const std::string& url, const std::string& agent, const FormFiel
   return answer;
 }
 
+// Only a library of another make asks what cannot be read.
+std::string AnswerTo(const std::string& message) {
+  const std::optional<PostQuestion> question = DecodePostQuestion(message);
+  if (!question) std::_Exit(EXIT_FAILURE);
+  return Encode(Post(*question));
+}
+
 }  // namespace
 }  // namespace hos_linux
 
-extern "C" __attribute__((visibility("default"))) hos_linux::PostForm* KivoCloudServicePost2() {
-  return hos_linux::Post;
+int main() {
+  const int status = base::ServeConfined(hos_linux::kLongestPost, hos_linux::AnswerTo);
+  std::_Exit(status);  // nothing is left to be put in order
 }
