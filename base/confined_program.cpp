@@ -57,7 +57,7 @@ std::optional<Ids> FindAccount(std::string_view name) {
   const std::unique_ptr<FILE, int (*)(FILE*)> accounts(std::fopen("/etc/passwd", "re"),
                                                        std::fclose);
   while (const passwd* account = accounts ? fgetpwent(accounts.get()) : nullptr) {
-    if (account->pw_name == name && account->pw_uid != 0) {
+    if (account->pw_name == name && account->pw_uid != 0 && account->pw_gid != 0) {
       return Ids{account->pw_uid, account->pw_gid};
     }
   }
