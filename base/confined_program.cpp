@@ -136,13 +136,16 @@ bool TakeDescriptors(int channel) {
     return false;
   }
   const int null = open("/dev/null", O_RDWR);
-  for (int fd = STDIN_FILENO; null >= 0 && fd <= kLastNullStream; ++fd) {
+  if (null < 0) {
+    return false;
+  }
+  for (int fd = STDIN_FILENO; fd <= kLastNullStream; ++fd) {
     if (dup2(null, fd) < 0) {
       return false;
     }
   }
   CloseOthers();
-  return null >= 0;
+  return true;
 }
 
 void DefaultSignals() {
