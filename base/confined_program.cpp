@@ -28,7 +28,7 @@
 namespace base {
 namespace {
 
-constexpr std::chrono::seconds kStartLimit{10};
+constexpr std::chrono::milliseconds kStartLimit{10'000};
 constexpr std::size_t kLongestFailure = 64;
 constexpr uid_t kUnchanged = static_cast<uid_t>(-1);
 
@@ -264,8 +264,8 @@ bool ConfinedProgram::Runs() const {
 }
 
 bool ConfinedProgram::HasSpoken() const {
-  pollfd watched = {channel_.get(), POLLIN, 0};
-  return poll(&watched, 1, 0) != 0;
+  char byte = 0;
+  return recv(channel_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 bool ConfinedProgram::Start(std::string& why) {
@@ -293,9 +293,8 @@ bool ConfinedProgram::Start(std::string& why) {
 }
 
 // The program's first words say what of its confinement failed.
-bool ConfinedProgram::IsConfined(std::string& why) {
-  const auto words = ReceiveFrame(channel_.get(), kLongestFailure,
-                                  std::chrono::steady_clock::now() + kStartLimit, process_.get());
+bool ConfinedProgram::IsConfined(std::chrono::steady_clock::time_point deadline, std::string& why) {
+  const auto words = ReceiveFrame(channel_.get(), kLongestFailure, deadline, process_.get());
   if (!words) {
     why = std::string("it did not start: ") + std::strerror(errno);
     return false;
@@ -316,18 +315,20 @@ bool ConfinedProgram::IsConfined(std::string& why) {
 
 std::optional<std::string> ConfinedProgram::Ask(std::string_view question, std::size_t longest,
                                                 std::chrono::milliseconds limit, std::string& why) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto deadline = now + limit;
   if (!Runs()) {
     Stop();
-    if (!Start(why) || !IsConfined(why)) {
+    if (!Start(why) || !IsConfined(std::min(now + kStartLimit, deadline), why)) {
       Stop();
       return std::nullopt;
     }
-  } else if (HasSpoken()) {
+  }
+  if (HasSpoken()) {
     why = "it spoke without being asked";
     Stop();
     return std::nullopt;
   }
-  const auto deadline = std::chrono::steady_clock::now() + limit;
   std::optional<std::string> answer;
   if (SendFrame(channel_.get(), question, deadline)) {
     answer = ReceiveFrame(channel_.get(), longest, deadline, process_.get());

@@ -46,7 +46,7 @@ class ConfinedProgram {
   bool Runs() const;
   bool HasSpoken() const;
   bool Start(std::string& why);
-  bool IsConfined(std::string& why);
+  bool IsConfined(std::chrono::steady_clock::time_point deadline, std::string& why);
 
   const char* installed_;
   UniqueFd channel_;
