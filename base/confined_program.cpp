@@ -17,6 +17,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -201,6 +202,24 @@ ConfinementStep Become(const Plan& plan) {
   Report(plan, {step, errno});
 }
 
+// With the effective ids of a service account this process may not signal a program of another
+// user, and would wait for it for ever: it takes root's for the moment of the signal. Whether it is
+// dead.
+bool Kill(pid_t pid) {
+  if (kill(pid, SIGKILL) == 0) {
+    return true;
+  }
+  const uid_t user = geteuid();
+  if (!SetUser(kUnchanged, 0, kUnchanged)) {
+    return false;
+  }
+  const bool killed = kill(pid, SIGKILL) == 0;
+  if (!SetUser(kUnchanged, user, kUnchanged)) {
+    std::abort();  // rather than go on as root
+  }
+  return killed;
+}
+
 // What failed, as in "failed to TEXT".
 const char* TextOf(ConfinementStep step) {
   switch (step) {
@@ -250,8 +269,8 @@ void ConfinedProgram::Stop() {
   channel_ = UniqueFd();
   process_ = UniqueFd();
   if (pid_ > 0 && owner_ == getpid()) {
-    (void)kill(pid_, SIGKILL);
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    const int options = Kill(pid_) ? 0 : WNOHANG;
+    while (waitpid(pid_, nullptr, options) < 0 && errno == EINTR) {
     }
   }
   pid_ = -1;

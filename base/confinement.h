@@ -40,7 +40,9 @@ struct ConfinementFailure {
 };
 
 // Confines the calling process, which has one thread, for good:
-// - it ends with the process that started it, and leaves no core and cannot be traced;
+// - it ends with the process that started it, and leaves no core and cannot be traced; if that
+//   process has effective ids of its own (a service account's, say), which may not signal this one,
+//   it ends when it next reads or writes the channel;
 // - 512 MiB of address space, 64 descriptors, no byte in a file;
 // - of all files it can read those that name resolution and TLS need, and write none;
 // - it can start no program and no process (but threads), listen nowhere, and open no socket but
