@@ -25,7 +25,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -303,7 +302,7 @@ std::string Names() {
 sockaddr_un LocalService() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, "/tmp/service");
+  std::string_view("/tmp/service").copy(address.sun_path, sizeof address.sun_path - 1);
   return address;
 }
 

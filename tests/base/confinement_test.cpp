@@ -16,12 +16,12 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/confined_program.h"
@@ -95,7 +95,7 @@ base::UniqueFd LocalService(const char* path) {
   base::UniqueFd service(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path);
+  std::string_view(path).copy(address.sun_path, sizeof address.sun_path - 1);
   if (bind(service.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       chmod(path, 0777) != 0 || listen(service.get(), 1) != 0) {
     throw std::runtime_error("cannot serve");
@@ -144,7 +144,9 @@ class Confinement : public testing::TestWithParam<Caller> {
       std::string list;
       for (const std::string& question : questions) {
         const std::string answer = Answer(program, question);
-        list += answer == expected ? "" : question + ": " + answer + "\n";
+        if (answer != expected) {
+          list.append(question).append(": ").append(answer).append("\n");
+        }
       }
       return list;
     });
@@ -156,6 +158,7 @@ class Confinement : public testing::TestWithParam<Caller> {
 
   static std::vector<std::string> Each(const std::string& word) {
     std::vector<std::string> questions;
+    questions.reserve(kSecrets.size());
     for (const char* path : kSecrets) {
       questions.push_back(word + " " + path);
     }

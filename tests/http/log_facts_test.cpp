@@ -57,7 +57,7 @@ Formats Listed() {
     if (file == "zomi_https_req_send" || file == "zomi_token_generation" ||
         file == "zomi_agent_name_get") {
       EXPECT_EQ(priority, "user.err") << row;
-      formats.insert(file + " " + format);
+      formats.insert(file.append(" ").append(format));
     }
   }
   return formats;
