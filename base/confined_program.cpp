@@ -166,7 +166,6 @@ ConfinementStep Become(const Plan& plan) {
   char* const environment[] = {path_variable, language_variable, nullptr};
   DefaultSignals();
   (void)setsid();
-  umask(S_IRWXG | S_IRWXO);
   const ConfinementStep step = plan.privileged ? BecomeOrdinary(plan.ids) : KeepEffectiveIds();
   if (step != ConfinementStep::kNone) {
     return step;
