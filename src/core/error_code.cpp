@@ -3,8 +3,6 @@
 #include <array>
 #include <string_view>
 
-#include "kivo/cloudservice.h"
-
 namespace nodelink {
 namespace {
 
@@ -66,17 +64,6 @@ std::uint32_t ServerStatusToErrorCode(const char* word) {
     }
   }
   return kGenericError;
-}
-
-std::uint32_t CloudServiceErrorToCode() {
-  switch (KIVOCloudServiceGetErrorCode()) {
-    case 0:
-      return kSuccess;
-    case 1:
-      return kNetworkFailed;
-    default:
-      return kGenericError;
-  }
 }
 
 void SetLastErrorCode(std::uint32_t code) { last_error_code = code; }
