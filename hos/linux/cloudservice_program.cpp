@@ -9,7 +9,6 @@
 #include <string>
 
 #include "base/confinement.h"
-#include "base/transport_floor.h"
 #include "cloudservice_messages.h"
 
 namespace hos_linux {
@@ -61,21 +60,20 @@ class Options {
 
 bool Prepare(CURL* curl, const PostQuestion& question, std::string& answer) {
   const std::string form = FormText(curl, question.fields);
-  return base::SetTransportFloor(curl) == CURLE_OK &&
-         Options(curl)
-             .Set(CURLOPT_URL, question.url.c_str())
-             .Set(CURLOPT_FOLLOWLOCATION, 0L)
-             .Set(CURLOPT_USERAGENT, question.agent.c_str())
-             .Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()))
-             .Set(CURLOPT_COPYPOSTFIELDS, form.c_str())
-             .Set(CURLOPT_SSL_VERIFYPEER, 1L)
-             .Set(CURLOPT_SSL_VERIFYHOST, 2L)
-             .Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds)
-             .Set(CURLOPT_TIMEOUT, static_cast<long>(kPostTimeLimit.count()))
-             .Set(CURLOPT_NOSIGNAL, 1L)
-             .Set(CURLOPT_WRITEFUNCTION, AppendAnswer)
-             .Set(CURLOPT_WRITEDATA, static_cast<void*>(&answer))
-             .good();
+  return Options(curl)
+      .Set(CURLOPT_URL, question.url.c_str())
+      .Set(CURLOPT_FOLLOWLOCATION, 0L)
+      .Set(CURLOPT_USERAGENT, question.agent.c_str())
+      .Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()))
+      .Set(CURLOPT_COPYPOSTFIELDS, form.c_str())
+      .Set(CURLOPT_SSL_VERIFYPEER, 1L)
+      .Set(CURLOPT_SSL_VERIFYHOST, 2L)
+      .Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds)
+      .Set(CURLOPT_TIMEOUT, static_cast<long>(kPostTimeLimit.count()))
+      .Set(CURLOPT_NOSIGNAL, 1L)
+      .Set(CURLOPT_WRITEFUNCTION, AppendAnswer)
+      .Set(CURLOPT_WRITEDATA, static_cast<void*>(&answer))
+      .good();
 }
 
 PostEnd EndOf(CURLcode result) {

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <memory>
 
-#include "base/transport_floor.h"
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/platform_owner.h"
@@ -25,6 +24,7 @@ constexpr std::size_t kSerialSize = 256;
 constexpr std::size_t kUrlSize = 4096;
 constexpr std::size_t kHostLineSize = 128;
 constexpr int kKeyListSize = 512;
+constexpr char kCaBundle[] = "/etc/ssl/certs/ca-certificates.crt";
 constexpr long kLowSpeedLimit = 128;  // bytes per second
 constexpr long kLowSpeedTime = 60;    // seconds
 constexpr long kMaxRedirects = 10;
@@ -280,10 +280,9 @@ bool Transfer::SetTls() {
     }
     return result == CURLE_OK;
   };
-  return check(base::SetTransportFloor(curl_.get())) &&
-         check(curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L)) &&
+  return check(curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L)) &&
          check(curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYHOST, 2L)) &&
-         check(curl_easy_setopt(curl_.get(), CURLOPT_CAINFO, base::kCaBundle)) &&
+         check(curl_easy_setopt(curl_.get(), CURLOPT_CAINFO, kCaBundle)) &&
          check(curl_easy_setopt(curl_.get(), CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1));
 }
 

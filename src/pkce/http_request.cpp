@@ -8,8 +8,6 @@
 #include <string_view>
 #include <utility>
 
-#include "base/transport_floor.h"
-
 namespace nodelink {
 namespace {
 
@@ -30,11 +28,13 @@ bool IsSendable(const HttpRequest& request) {
   return sendable;
 }
 
-// libcurl keeps the CA bundle that it has parsed for the handle's next request only without a CA
-// folder; Debian's folder holds the bundle's certificates.
-CURLcode SetCurlOptions(CURL* curl) {
-  const CURLcode result = base::SetTransportFloor(curl);
-  return result == CURLE_OK ? curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr) : result;
+// cpr has no setting of its own for these. A host that the record names is no reason to read local
+// files, or to send a token in the clear. And libcurl keeps the CA bundle that it has parsed for
+// the handle's next request only without a CA folder; Debian's folder holds the bundle's
+// certificates.
+void SetCurlOptions(CURL* curl) {
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
+  curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);
 }
 
 std::unique_ptr<cpr::Session> MakeSession() {
@@ -42,6 +42,7 @@ std::unique_ptr<cpr::Session> MakeSession() {
   session->SetTimeout(cpr::Timeout(std::chrono::milliseconds(kPostTimeLimit)));
   session->SetRedirect(cpr::Redirect(false));
   session->SetHeaderCallback(cpr::HeaderCallback([](std::string_view, intptr_t) { return true; }));
+  SetCurlOptions(session->GetCurlHolder()->handle);
   return session;
 }
 
@@ -72,14 +73,12 @@ void SetForm(cpr::Session& session, const HttpForm& form) {
   session.SetPayload(cpr::Payload(pairs.begin(), pairs.end()));
 }
 
-// After cpr's own options, which would take the place of some of these: it also asks for the text
-// of the servers' certificates, which nobody reads.
+// cpr asks for the text of the servers' certificates, which nobody reads.
 cpr::Response Perform(cpr::Session& session) {
   CURL* curl = session.GetCurlHolder()->handle;
   session.PreparePost();
   curl_easy_setopt(curl, CURLOPT_CERTINFO, 0L);
-  const CURLcode result = SetCurlOptions(curl);
-  return session.Complete(result == CURLE_OK ? curl_easy_perform(curl) : result);
+  return session.Complete(curl_easy_perform(curl));
 }
 
 }  // namespace

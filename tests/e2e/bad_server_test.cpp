@@ -72,7 +72,18 @@ TEST_P(BadServerTest, IsRefused) {
   }
 }
 
-// So that the test above does not pass for want of a request.
+// The system's settings of OpenSSL are for those who have to talk to old servers.
+TEST_P(BadServerTest, IsRefusedWhateverTheSystemAllows) {
+  test_files::Write("/etc/ssl/openssl.cnf",
+                    "openssl_conf = all\n[all]\nssl_conf = tls\n[tls]\nsystem_default = lax\n"
+                    "[lax]\nMinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n");
+  for (const BadServer& server : kBadServers) {
+    SCOPED_TRACE(NameOf(server.choice));
+    ExpectRefused(server);
+  }
+}
+
+// So that the tests above do not pass for want of a request.
 TEST_P(BadServerTest, AGoodOneInItsPlaceIsAsked) {
   for (const auto kind : {CertificateKind::kGood, CertificateKind::kIntermediate}) {
     Prepare();
