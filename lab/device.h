@@ -17,6 +17,8 @@ namespace lab {
 
 inline constexpr char kProgram[] = "/usr/kivo/bin/nodelink";
 inline constexpr char kLoginProgram[] = "/usr/kivo/bin/nodelink-login";
+inline constexpr char kHttpWorker[] = "/usr/kivo/lib/nodelink-http";
+inline constexpr char kCloudWorker[] = "/usr/kivo/lib/kivo-cloudservice";
 inline constexpr char kPrivateFolder[] = "/usr/kivo/etc/veltrix-account/private";
 inline constexpr char kRecord[] = "/usr/kivo/etc/veltrix-account/private/user.conf";
 inline constexpr char kTokens[] = "/usr/kivo/etc/veltrix-account/private/login_token.json";
@@ -38,6 +40,9 @@ inline constexpr char kSerial[] = "NL00000001A";
 inline constexpr char kEmail[] = "anna@example.org";
 inline constexpr char kPassword[] = "correct horse";
 
+// Whether this lab has users besides root: that of an ordinary user has none.
+bool HasOtherUsers();
+
 class Device {
  public:
   // The cloud knows the device, unlinked, and one account.
@@ -56,7 +61,12 @@ class Device {
   // Runs the installed nodelink-login with `input` as its standard input.
   static ProcessResult LogIn(const std::vector<std::string>& options, const std::string& input);
 
-  // What stands before a program's words to give it a clock that runs `times` times as fast.
+  // Puts `words` (a shell's) before those with which the programs that talk to the network are
+  // started: nothing of the caller's environment reaches them.
+  static void StartWorkersBehind(const std::string& words);
+
+  // What stands before a program's words to give it, and those that it starts, a clock that runs
+  // `times` times as fast.
   static std::vector<std::string> FastClock(int times);
 
   // The requests to `path` so far (all, when empty).

@@ -239,6 +239,8 @@ class SlowAnswerTest : public HostileAnswerTest {
     bad_.SetAnswer(response);
     ExpectFailure(RunFlow(FastClock(120)));
     EXPECT_EQ(State(), before);
+    // Whoever talks to the server kept its limit; nobody had to be stopped.
+    EXPECT_THAT(Log(), testing::Not(testing::Contains(testing::HasSubstr("Failed to ask"))));
   }
 };
 

@@ -202,13 +202,17 @@ BadHost::BadHost(const std::string& host, const devcloud::TlsSettings& tls)
   MoveHost(host);
 }
 
-void BadHost::SetAnswer(devcloud::Response answer) {
+void BadHost::SetAnswer(devcloud::Response answer, std::function<void()> look) {
   const std::lock_guard lock(mutex_);
   answer_ = std::move(answer);
+  look_ = std::move(look);
 }
 
 devcloud::Response BadHost::Answer() {
   const std::lock_guard lock(mutex_);
+  if (look_) {
+    look_();
+  }
   return answer_;
 }
 

@@ -2,6 +2,7 @@
 // to its host; and a server that takes that host's place and may behave as badly as it likes.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -42,7 +43,8 @@ class BadHost {
  public:
   BadHost(const std::string& host, const devcloud::TlsSettings& tls);
 
-  void SetAnswer(devcloud::Response answer);
+  // `look`, if there is one, is called for each request while its client waits.
+  void SetAnswer(devcloud::Response answer, std::function<void()> look = nullptr);
   devcloud::HttpsServer& server() { return server_; }
 
  private:
@@ -50,6 +52,7 @@ class BadHost {
 
   std::mutex mutex_;
   devcloud::Response answer_;
+  std::function<void()> look_;
   devcloud::HttpsServer server_;
 };
 
