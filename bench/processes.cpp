@@ -9,9 +9,14 @@
 //   NAME  microseconds from start to last end  processor time per process (user and system, of its
 //   children too)  peak memory in KiB  microseconds that the slowest took
 //
+//   bench-processes --peak COMMAND [ARG...]
+//
+// Prints the peak memory of COMMAND itself in KiB, without its children's.
+//
 // Linked statically: the peak memory of a child counts what it was before it became its program.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -131,6 +137,47 @@ void Run(const Case& measured, long at_once, Samples& samples) {
   samples.slowest.push_back(slowest);
 }
 
+// The kernel tells of a process that has ended only the largest peak of it and its children; its
+// own can be read until then.
+long PeakOf(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string word; status >> word;) {
+    if (word == "VmHWM:") {
+      long peak = 0;
+      status >> peak;
+      return peak;
+    }
+  }
+  Die("no peak memory in /proc");
+}
+
+// Runs `command` up to its end, and looks at it there.
+long OwnPeak(char* const* command) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    execvp(command[0], command);
+    _exit(127);
+  }
+  long peak = 0;
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACEEXIT);
+  while (!WIFEXITED(status) && !WIFSIGNALED(status)) {
+    const bool ends = status >> 8 == (SIGTRAP | (PTRACE_EVENT_EXIT << 8));
+    if (ends) {
+      peak = PeakOf(pid);
+    }
+    const int stop = WSTOPSIG(status);
+    ptrace(PTRACE_CONT, pid, nullptr, stop == SIGTRAP ? 0 : stop);
+    waitpid(pid, &status, 0);
+  }
+  if (status != 0) {
+    Die(std::string(command[0]) + " failed, wait status " + std::to_string(status));
+  }
+  return peak;
+}
+
 double Median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
@@ -166,6 +213,10 @@ std::vector<Case> ReadCases(char** words, int count) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 2 && std::strcmp(argv[1], "--peak") == 0) {
+    std::printf("%ld\n", OwnPeak(argv + 2));
+    return 0;
+  }
   const long rounds = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 0;
   const long at_once = argc > 2 ? std::strtol(argv[2], nullptr, 10) : 0;
   const std::vector<Case> cases = ReadCases(argv, argc);
