@@ -1,8 +1,9 @@
 #!/bin/bash
-# shellcheck disable=SC2034  # most of this is for the scripts that read it
+# shellcheck disable=SC2034,SC2295  # most of this is for the scripts that read it; $kinds is a pattern
 # The flows that the lab's scripts disturb, and the checks of the device's state after each. Read by
 # such a script inside the lab; it says itself what it did: `injected_call` names it, `output_failed`
 # is true when it can have cost output, `record_unread` when the record may have been unreadable.
+shopt -s extglob
 
 cloud=http://127.0.0.1:8079/v1
 private=/usr/kivo/etc/veltrix-account/private
@@ -14,12 +15,19 @@ folders=("$private" /usr/kivo/etc/cloudservice /etc/cron.d)
 email=anna@example.org
 password='correct horse'
 work=/var/tmp/torture
+workers_folder=$work/worker # where a worker may write, as long as it is not confined
 time_limit=20
 
 flows=(query password_login browser_login renewal rescue report logout update)
 # The same, started with the effective ids of a service account: what can be done with those.
 foreign_flows=(foreign_query foreign_report)
 service_account=(setpriv --euid 1026 --egid 100 --clear-groups)
+# The same, where not the program but its worker is disturbed: one flow for each kind of request.
+worker_flows=(worker_query worker_password_login worker_renewal)
+# And where the worker dies as soon as it is to connect.
+deserted_flows=(deserted_query deserted_renewal)
+kinds='@(foreign|worker|deserted)_'
+worker=/usr/kivo/lib/nodelink-http
 
 expired='s/("created_at" *: *)[0-9]+/\11/'
 refused='s/("refresh_token" *: *)"[^"]*"/\1"refused"/'
@@ -78,7 +86,7 @@ restore_base() {
 # The base is what a flow starts from when running it leaves the server as it was.
 make_base() {
   well_linked=''
-  case ${1#foreign_} in
+  case ${1#$kinds} in
     query) link && sed -i -e 's/^last_query_time=.*/last_query_time="0"/' \
       -e 's/^full_name=.*/full_name="Former Name"/' -e 's/^country=.*/country="AT"/' "$record" ;;
     report) link && sed -i 's/^report_cron_timestring=.*/report_cron_timestring="1 2 * * 3"/' "$record" &&
@@ -94,7 +102,7 @@ make_base() {
 }
 
 prepare() {
-  case ${1#foreign_} in
+  case ${1#$kinds} in
     query | report | update) restore_base ;;
     password_login | browser_login) forget_everything ;;
     renewal) stay_linked && edit_tokens "$expired" ;;
@@ -105,7 +113,7 @@ prepare() {
 }
 
 flow_command() { # sets `command`
-  case ${1#foreign_} in
+  case ${1#$kinds} in
     query) command=(nodelink --query_account) ;;
     password_login) command=(nodelink-login --password "$email") ;;
     browser_login) command=(nodelink-login --browser) ;;
@@ -122,12 +130,23 @@ run_flow() {
   shift
   flow_command "$flow"
   status=0
-  if [[ $flow == browser_login ]]; then
+  if [[ $flow == *browser_login ]]; then
     play_browser "$@" "${command[@]}"
   else
     { "$@" "${command[@]}" <<<"$password" >"$work/out" 2>"$work/err" || status=$?; } 2>/dev/null
   fi
 }
+
+# --- The worker of the programs. ---
+
+# A program that takes the worker's place, and starts it itself: COMMAND WORKER.
+start_worker_behind() { # start_worker_behind COMMAND...
+  if [[ ! -e $worker.real ]]; then mv "$worker" "$worker.real"; fi
+  printf '#!/bin/sh\nexec %s %s\n' "${*@Q}" "$worker.real" >"$worker"
+  chmod 755 "$worker"
+}
+
+start_worker_alone() { if [[ -e $worker.real ]]; then mv "$worker.real" "$worker"; fi; }
 
 # Opens the address that COMMAND prints, signs in, and enters the address it is sent back to.
 play_browser() {
@@ -161,7 +180,8 @@ sign_in() {
 }
 
 set_up_cloud() {
-  mkdir -p "$work"
+  mkdir -p "$work" "$workers_folder"
+  chmod 1777 "$workers_folder"
   control /accounts --json '{"email": "'$email'", "password": "'"$password"'",
     "full_name": "Anna Example", "country": "CH", "timezone": "Europe/Zurich",
     "notify_language": "ger", "report_cron_timestring": "30 3 * * 6",
@@ -361,7 +381,7 @@ check_end() {
 }
 
 known_end() {
-  local flow=${1#foreign_} out=$2 err=$3
+  local flow=${1#$kinds} out=$2 err=$3
   if output_failed; then return 0; fi
   case $flow in
     query) ((status == 0)) && [[ -z $err && ($out == '{'*'}' || $out == 'Query account failed') ]] ;;
@@ -389,6 +409,7 @@ known_login() {
 check_again() {
   local flow=$1 key
   well_linked=''
+  start_worker_alone
   if [[ $flow == rescue && ! -e $record ]]; then return; fi # logged out, for good
   if record_outlived_logout "$flow"; then
     known_limit 'the record outlived the logout'
@@ -417,7 +438,7 @@ record_outlived_logout() {
 
 good_end() {
   ((status == 0)) || return 1
-  case ${1#foreign_} in
+  case ${1#$kinds} in
     query) [[ $(<"$work/out") == '{'* ]] ;;
     *_login) [[ $(<"$work/out") == *"Logged in as $email" ]] ;;
     *) [[ ! -s $work/out ]] ;;

@@ -5,7 +5,9 @@
 # A case is "FLOW SYSCALL N ERRNO": in FLOW, the Nth SYSCALL of each process and thread fails with
 # ERRNO, or kills it when ERRNO is KILL. Of execve, N is the program that cannot be executed.
 #
-# A flow whose name begins with foreign_ is started with the effective ids of a service account.
+# A flow whose name begins with foreign_ is started with the effective ids of a service account; in
+# one that begins with worker_ it is the worker that is disturbed, in one with deserted_ the program
+# that has lost it.
 
 sample_step=45
 
@@ -24,9 +26,14 @@ declare -A errnos=(
   [recvmsg]=ECONNRESET [poll]='EINTR ENOMEM' [pipe2]=EMFILE [setsockopt]=ENOBUFS
   [getsockopt]=ENOBUFS [getsockname]=ENOBUFS [getpeername]=ENOTCONN
   [clone]=EAGAIN [clone3]=EAGAIN [fork]=EAGAIN [vfork]=EAGAIN [execve]='EACCES ENOMEM'
-  [setpgid]=EPERM [close_range]=ENOSYS [wait4]='EINTR ECHILD')
+  [setpgid]=EPERM [close_range]=ENOSYS [wait4]='EINTR ECHILD'
+  [setgroups]=EPERM [capset]=EPERM [chdir]=EACCES [dup2]=EBADF [prctl]=EPERM [prlimit64]=EPERM
+  [landlock_create_ruleset]='ENOSYS EPERM' [landlock_add_rule]=EINVAL
+  [landlock_restrict_self]=EPERM [seccomp]='ENOSYS EPERM' [pidfd_open]='ENOSYS EMFILE')
 killing=' write fsync rename renameat renameat2 unlink unlinkat chmod fchmod chown'
-killing+=' setresuid setresgid '
+killing+=' setresuid setresgid sendto recvfrom '
+# What the worker does with its files, with the network and with its channel.
+workers_killing=' prctl openat socket connect read write sendto recvfrom poll close '
 # What matters when the effective ids change around each access.
 foreign=' setresuid setresgid renameat write fsync chmod chown '
 
@@ -98,7 +105,7 @@ number_calls() {
       split(line, part, "\""); print call, part[2] }
     call == "execve" { executed[pid] = 1; next }
     pid == main && running && !started &&
-      (line ~ /kivo|\/tmp\/account_|^read\(0/ || call == "socket") {
+      (line ~ /kivo|\/tmp\/account_|^read\(0/ || call == "socket" || call == "prctl") {
       started = 1
       for (i in count) { split(i, part, SUBSEP); if (part[1] == main) loader[part[2]] = count[i] }
       loader[call]--
@@ -121,21 +128,49 @@ survey() {
   make_base "$flow"
   prepare "$flow"
   note_start
-  run_flow "$flow" strace -f -y -o "$work/trace.all" -e trace="execve,$(list_of_calls)"
+  run_traced "$flow" "$work/trace.all" -e trace="execve,$(list_of_calls)"
   note_end "$flow"
+  if [[ $flow == deserted_* ]]; then survey_deserted "$flow"; fi
+}
+
+survey_deserted() {
+  prepare "$1"
+  desert
+  run_traced "$1" "$work/trace.all" -e trace="execve,$(list_of_calls)"
+  start_worker_alone
+}
+
+# The worker dies when it is to connect.
+desert() { start_worker_behind strace -f -o /dev/null -e 'inject=connect:signal=KILL'; }
+
+# Runs FLOW with strace's OPTIONs for whichever of its programs is disturbed; what they do goes to
+# TRACE.
+run_traced() { # run_traced FLOW TRACE OPTION...
+  local flow=$1 trace=$2
+  shift 2
+  if [[ $flow == worker_* ]]; then
+    rm -f "$workers_folder/trace" "$trace"
+    start_worker_behind strace -f -y -o "$workers_folder/trace" "$@"
+    run_flow "$flow" timeout --kill-after=5 "$time_limit"
+    start_worker_alone
+    cp "$workers_folder/trace" "$trace" || finding 'no worker was started'
+  else
+    run_flow "$flow" timeout --kill-after=5 "$time_limit" strace -f -y -o "$trace" "$@"
+  fi
 }
 
 # The cases of FLOW in this share: the first of each call, and every so many of all.
 list_cases() {
-  local flow=$1 calls call n errno
+  local flow=$1 calls call n errno deadly=$killing
   calls=$(number_calls)
+  if [[ $flow == worker_* ]]; then deadly=$workers_killing; fi
   {
     while read -r call n; do
       [[ $flow != foreign_* || $foreign == *" $call "* ]] || continue
       for errno in ${errnos[$call]}; do echo "$flow $call $n $errno"; done
     done <<<"$calls"
     while read -r call n; do
-      [[ $killing != *" $call "* || $flow == foreign_* && $foreign != *" $call "* ]] ||
+      [[ $deadly != *" $call "* || $flow == foreign_* && $foreign != *" $call "* ]] ||
         echo "$flow $call $n KILL"
     done <<<"$calls"
     answered_renewal "$flow"
@@ -160,10 +195,10 @@ run_case() { # run_case FLOW SYSCALL N ERRNO
   prepare "$flow"
   note_start
   rescue_lines=$(rescue_log_lines)
-  run_flow "$flow" timeout --kill-after=5 "$time_limit" strace -f -y \
-    -o "$work/trace.case" "${how[@]}"
+  if [[ $flow == deserted_* ]]; then desert; fi
+  run_traced "$flow" "$work/trace.case" "${how[@]}"
   count_case "$errno"
-  if [[ $errno != KILL ]]; then
+  if [[ $errno != KILL || $flow == worker_* ]]; then
     check_end "$flow"
     check_leftovers 'after the fault'
     check_identity
@@ -198,6 +233,7 @@ count_case() {
 }
 
 set_up_kind() {
+  flows+=("${worker_flows[@]}" "${deserted_flows[@]}")
   if "${service_account[@]}" true 2>/dev/null; then
     flows+=("${foreign_flows[@]}")
   else
