@@ -362,7 +362,6 @@ TEST_P(Confinement, LeavesNoCapability) {
   }
   EXPECT_EQ(Field(status, "NoNewPrivs"), "1");
   EXPECT_EQ(Field(status, "Seccomp"), "2");
-  EXPECT_EQ(Field(status, "Umask"), "0077");
 }
 
 TEST_P(Confinement, LeavesNoSignalBlockedOrIgnored) {

@@ -80,6 +80,23 @@ TEST_F(Hardening, OptionsMeanTheSameInEveryEnvironment) {
   EXPECT_THAT(RunWith({"POSIXLY_CORRECT=1"}, {"word", "--query_account"}).out, HasSubstr(kEmail));
 }
 
+// The record is no better than whoever could write it once.
+TEST_F(Hardening, NoPasswordIsSentInTheClearWhateverTheRecordSays) {
+  const devcloud::HttpsServer plain({.address = "127.0.0.1", .port = 80},
+                                    [](const devcloud::Request&) { return devcloud::Response{}; });
+  const std::string record = test_files::Read(kRecord);
+  for (const char* host : {"http://127.0.0.1", "gopher://127.0.0.1:80", "dict://127.0.0.1:80",
+                           "telnet://127.0.0.1:80", "file:///etc/shadow#"}) {
+    SCOPED_TRACE(host);
+    test_files::Write(kRecord, record + "account_host=\"" + host + "\"\n", 0600);
+    const auto result = LogIn({"--password", kEmail}, kPassword + std::string("\n"));
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.err, "nodelink-login: Failed to send the request (code 4)\n");
+    EXPECT_THAT(Log(), Contains(HasSubstr(std::string(host) + "/device/api/password_login")));
+  }
+  EXPECT_EQ(plain.connections(), 0U);
+}
+
 TEST_F(Hardening, ClosedStreamsAreNeverAStateFile) {
   const auto query = StartQuery({"bash", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-"});
   for (const char* stream : {"0", "1", "2"}) {

@@ -77,6 +77,49 @@ TEST_F(Worker, WithoutThatOfTheCloudServiceNoApiKeyIsRegistered) {
   EXPECT_THAT(Log(), Contains(AllOf(StartsWith("Failed to ask "), HasSubstr(lab::kCloudWorker))));
 }
 
+std::string WorkerOf(const HttpsFlow& flow) {
+  return flow.transport == Transport::kPlatform ? "kivo-cloudservice" : "nodelink-http";
+}
+
+// --- One that was taken over. ---
+
+class HostileWorkerTest : public HttpsFlowTest {
+ protected:
+  // The worker is one of this character from now on (tests/support/hostile_program.cpp).
+  static void Become(const std::string& character) {
+    const std::string worker = "/usr/kivo/lib/" + WorkerOf(GetParam());
+    const std::string file = "/usr/kivo/lib/" + character;
+    std::filesystem::remove(worker);
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink(HOSTILE_PROGRAM, file);
+    std::filesystem::create_symlink(file, worker);
+  }
+};
+
+// Of the cloud service the platform says so itself.
+TEST_P(HostileWorkerTest, IsAsGoodAsNoServer) {
+  const std::string err = GetParam().transport == Transport::kPlatform
+                              ? "nodelink-login: System error (code 24)\n"
+                              : GetParam().unreached_err;
+  for (const char* character : {"dead", "gone", "halfway", "huge", "talkative", "brief", "strange",
+                                "unknown", "refused", "hasty", "short", "echo"}) {
+    SCOPED_TRACE(character);
+    Prepare();
+    Become(character);
+    sink_.Clear();
+    const std::string before = State();
+    const auto result = RunFlow();
+    ExpectFailure(result);
+    EXPECT_THAT(result.out, StartsWith(GetParam().unreached_out));
+    EXPECT_THAT(result.err, StartsWith(err));
+    EXPECT_EQ(State(), before);
+    EXPECT_THAT(Log(), Contains(HasSubstr("Failed to ask ")).Times(1));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Flows, HostileWorkerTest, testing::ValuesIn(HttpsFlows()),
+                         [](const auto& flow) { return flow.param.name; });
+
 // --- Who has rights, and who has a network. ---
 
 bool IsNumber(const std::string& text) {
@@ -148,9 +191,7 @@ class RightsTest : public HttpsFlowTest {
     const std::string& path = GetParam().command.front();
     return path.substr(path.rfind('/') + 1);
   }
-  static std::string WorkerName() {
-    return GetParam().transport == Transport::kPlatform ? "kivo-cloudservice" : "nodelink-http";
-  }
+  static std::string WorkerName() { return WorkerOf(GetParam()); }
 };
 
 TEST_P(RightsTest, WhoeverIsRootHasNoNetworkAndWhoeverHasOneIsNotRoot) {
@@ -171,6 +212,9 @@ TEST_P(RightsTest, WhoeverIsRootHasNoNetworkAndWhoeverHasOneIsNotRoot) {
 }
 
 TEST_P(RightsTest, NoSocketForANetworkIsMadeButByTheWorkers) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's leak checker and a tracer exclude each other";
+#endif
   Prepare();
   bad_.SetAnswer({.status = 500});
   ExpectFailure(RunFlow({"strace", "-f", "-Y", "-o", kTrace, "-e", "trace=socket"}));
