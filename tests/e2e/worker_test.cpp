@@ -62,9 +62,13 @@ TEST_F(Worker, OfAnotherMakeGivesNoAnswer) {
 }
 
 TEST_F(Worker, StandsBesideTheProgramsInABuildFolder) {
-  LinkByPassword();
-  std::filesystem::rename(lab::kHttpWorker, "/usr/kivo/bin/nodelink-http");
-  EXPECT_NE(Run({"--query_account"}).out, "Query account failed");
+  std::filesystem::remove(lab::kHttpWorker);
+  std::filesystem::remove(lab::kCloudWorker);
+  const auto login = lab::RunProcess({BUILT_LOGIN, "--password", kEmail},
+                                     {.stdin_text = kPassword + std::string("\n")});
+  EXPECT_EQ(login.exit_status, 0) << login.err;
+  SetLastQueryAge(3600);
+  EXPECT_NE(lab::RunProcess({BUILT_PROGRAM, "--query_account"}).out, "Query account failed");
 }
 
 TEST_F(Worker, WithoutThatOfTheCloudServiceNoApiKeyIsRegistered) {
