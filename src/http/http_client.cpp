@@ -56,11 +56,15 @@ class Worker {
   base::ConfinedProgram program_{kWorker};
 };
 
+Worker& TheWorker() {
+  static Worker worker;
+  return worker;
+}
+
 // What the sender would have logged here comes first: it happened first.
 template <typename Result>
 std::optional<Result> Ask(const Question& question, std::chrono::seconds limit, std::string& why) {
-  static Worker worker;
-  auto answer = worker.Ask(question, limit + kGrace, why);
+  auto answer = TheWorker().Ask(question, limit + kGrace, why);
   if (!answer) {
     return std::nullopt;
   }
