@@ -134,4 +134,29 @@ TEST_P(BadServerTest, AnotherHostGetsNoSecret) {
 INSTANTIATE_TEST_SUITE_P(Flows, BadServerTest, testing::ValuesIn(HttpsFlows()),
                          [](const auto& flow) { return flow.param.name; });
 
+// The authorities that were read for one server are the next one's judges.
+class SecondServer : public DeviceTest {};
+
+TEST_F(SecondServer, IsHeldToTheSameAuthorities) {
+  ASSERT_EQ(LogIn({"--password", kEmail}, kPassword + std::string("\n")).exit_status, 0);
+  ASSERT_EQ(Run({"--report_info"}).exit_status, 0);
+  const auto tls = [this](const devcloud::TlsChoice& choice) {
+    return MakeTlsSettings(cloud_.authority(), devcloud::DefaultHosts(), choice);
+  };
+  BadHost identity("identity.veltrix.example", tls({}));
+  for (const BadServer& server : kBadServers) {
+    SCOPED_TRACE(NameOf(server.choice));
+    identity.server().SetTls(tls(server.choice));
+    AgeTokens(7200);
+    const std::size_t before = Requests(kReportPath).size();
+    (void)Run({"--report_info"});
+    EXPECT_EQ(Requests(kReportPath).size(), before + 1);
+    EXPECT_GT(identity.server().connections(), 0U);
+    EXPECT_THAT(identity.server().requests(), IsEmpty());
+  }
+  identity.server().SetTls(tls({}));
+  (void)Run({"--report_info"});
+  EXPECT_THAT(identity.server().requests(), SizeIs(1)) << "it is asked when it is a good one";
+}
+
 }  // namespace

@@ -18,10 +18,22 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
+using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr char kHttpStack[] = "lib(curl|ssl|crypto|nghttp2|gnutls)[.-]";
 constexpr char kTrace[] = "/var/tmp/trace";
+
+std::vector<std::string> LinesWith(const char* path, const std::string& text) {
+  std::ifstream file(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    if (line.find(text) != std::string::npos) {
+      lines.push_back(line);
+    }
+  }
+  return lines;
+}
 
 class Worker : public DeviceTest {
  protected:
@@ -69,6 +81,21 @@ TEST_F(Worker, StandsBesideTheProgramsInABuildFolder) {
   EXPECT_EQ(login.exit_status, 0) << login.err;
   SetLastQueryAge(3600);
   EXPECT_NE(lab::RunProcess({BUILT_PROGRAM, "--query_account"}).out, "Query account failed");
+}
+
+TEST_F(Worker, IsOneForAllRequestsAndReadsTheAuthoritiesOnce) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's leak checker and a tracer exclude each other";
+#endif
+  LinkByPassword();
+  const std::size_t before = Requests().size();
+  ASSERT_EQ(lab::RunProcess({"strace", "-f", "-o", kTrace, "-e", "trace=openat,execve", kProgram,
+                             "--report_info"})
+                .exit_status,
+            0);
+  EXPECT_EQ(Requests().size(), before + 3) << "the report, and two for its tokens";
+  EXPECT_THAT(LinesWith(kTrace, std::string("execve(\"") + lab::kHttpWorker), SizeIs(1));
+  EXPECT_THAT(LinesWith(kTrace, "ca-certificates.crt"), SizeIs(1));
 }
 
 TEST_F(Worker, WithoutThatOfTheCloudServiceNoApiKeyIsRegistered) {
@@ -222,10 +249,9 @@ TEST_P(RightsTest, NoSocketForANetworkIsMadeButByTheWorkers) {
   Prepare();
   bad_.SetAnswer({.status = 500});
   ExpectFailure(RunFlow({"strace", "-f", "-Y", "-o", kTrace, "-e", "trace=socket"}));
-  std::ifstream trace(kTrace);
   std::vector<std::string> makers;
-  for (std::string line; std::getline(trace, line);) {
-    if (line.find("AF_UNIX") == std::string::npos && line.find("socket(") != std::string::npos) {
+  for (const std::string& line : LinesWith(kTrace, "socket(")) {
+    if (line.find("AF_UNIX") == std::string::npos) {
       makers.push_back(line);
     }
   }
