@@ -112,6 +112,15 @@ std::string WorkerOf(const HttpsFlow& flow) {
   return flow.transport == Transport::kPlatform ? "kivo-cloudservice" : "nodelink-http";
 }
 
+TEST_F(Worker, IsNotStartedForAnAnswerFromTheRecord) {
+  LinkDevice();
+  ASSERT_NE(Run({"--query_account"}).out, "Query account failed");
+  std::filesystem::remove(lab::kHttpWorker);
+  EXPECT_NE(Run({"--query_account", "--cache"}).out, "Query account failed");
+  EXPECT_NE(Run({"--query_account"}).out, "Query account failed");
+  EXPECT_THAT(Log(), Each(Not(HasSubstr("Failed to ask"))));
+}
+
 // --- One that was taken over. ---
 
 class HostileWorkerTest : public HttpsFlowTest {
