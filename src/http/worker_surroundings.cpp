@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <utility>
 
-
 namespace nodelink {
 namespace http {
 namespace {
