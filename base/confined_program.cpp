@@ -29,7 +29,6 @@
 namespace base {
 namespace {
 
-constexpr std::chrono::milliseconds kStartLimit{10'000};
 constexpr std::size_t kLongestFailure = 64;
 constexpr uid_t kUnchanged = static_cast<uid_t>(-1);
 
@@ -333,11 +332,10 @@ bool ConfinedProgram::IsConfined(std::chrono::steady_clock::time_point deadline,
 
 std::optional<std::string> ConfinedProgram::Ask(std::string_view question, std::size_t longest,
                                                 std::chrono::milliseconds limit, std::string& why) {
-  const auto now = std::chrono::steady_clock::now();
-  const auto deadline = now + limit;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   if (!Runs()) {
     Stop();
-    if (!Start(why) || !IsConfined(std::min(now + kStartLimit, deadline), why)) {
+    if (!Start(why) || !IsConfined(deadline, why)) {
       Stop();
       return std::nullopt;
     }

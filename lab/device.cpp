@@ -1,8 +1,6 @@
 #include "lab/device.h"
 
 #include <json/reader.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -69,16 +67,6 @@ ProcessResult Device::LogIn(const std::vector<std::string>& options, const std::
   std::vector<std::string> words = {kLoginProgram};
   words.insert(words.end(), options.begin(), options.end());
   return RunProcess(words, {.stdin_text = input});
-}
-
-bool HasOtherUsers() {
-  constexpr uid_t kOther = 1026;
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(setresuid(kOther, kOther, kOther) == 0 ? 0 : 1);
-  }
-  int status = 0;
-  return waitpid(child, &status, 0) == child && status == 0;
 }
 
 void Device::StartWorkersBehind(const std::string& words) {

@@ -40,9 +40,6 @@ inline constexpr char kSerial[] = "NL00000001A";
 inline constexpr char kEmail[] = "anna@example.org";
 inline constexpr char kPassword[] = "correct horse";
 
-// Whether this lab has users besides root: that of an ordinary user has none.
-bool HasOtherUsers();
-
 class Device {
  public:
   // The cloud knows the device, unlinked, and one account.

@@ -75,7 +75,7 @@ void LogFailure(const std::string& url, const std::string& why) {
 
 // Nothing, logged, when the program gives no answer that is one.
 std::optional<PostAnswer> AskProgram(const PostQuestion& question) {
-  constexpr std::chrono::seconds kGrace{10};  // the program keeps the limit itself
+  constexpr std::chrono::seconds kGrace{30};  // the program keeps the limit itself
   base::ConfinedProgram program(kCloudProgram);
   std::string why = "the answer is malformed";
   const auto message =

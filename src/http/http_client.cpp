@@ -30,7 +30,7 @@ constexpr int kAgentSize = 256;
 constexpr char kProduct[] = "zomi";
 
 // The worker keeps its own time limits; this one is for a worker that does not.
-constexpr std::chrono::seconds kGrace{10};
+constexpr std::chrono::seconds kGrace{30};
 
 // One for all requests of the process.
 class Worker {

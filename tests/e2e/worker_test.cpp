@@ -8,6 +8,7 @@
 #include <set>
 
 #include "e2e/https_flow.h"
+#include "lab/users.h"
 
 namespace {
 
