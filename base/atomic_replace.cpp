@@ -1,6 +1,5 @@
 #include "base/atomic_replace.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -14,9 +13,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <vector>
+
+#include "base/folder.h"
 
 namespace base {
 namespace {
@@ -109,23 +109,9 @@ class TemporaryFile {
   bool exists_;
 };
 
-std::vector<std::string> NamesIn(int folder) {
-  const int copy = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, int (*)(DIR*)> listing(copy < 0 ? nullptr : fdopendir(copy), closedir);
-  std::vector<std::string> names;
-  if (!listing) {
-    (void)UniqueFd(copy);
-    return names;
-  }
-  while (const dirent* entry = readdir(listing.get())) {
-    names.emplace_back(entry->d_name);
-  }
-  return names;
-}
-
 template <typename Belongs>
 void RemoveTemporaryFiles(int folder, Belongs belongs) {
-  for (const std::string& entry : NamesIn(folder)) {
+  for (const std::string& entry : NamesIn(folder).value_or(std::vector<std::string>())) {
     const std::string_view replaced = ReplacedBy(entry);
     if (!replaced.empty() && belongs(replaced)) {
       unlinkat(folder, entry.c_str(), 0);

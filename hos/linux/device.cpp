@@ -9,6 +9,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/folder.h"
 #include "device_facts.h"
 #include "error.h"
 #include "file.h"
@@ -22,11 +23,7 @@ constexpr const char* kInterfaces = "/sys/class/net";
 constexpr const char* kNoAddress = "00:00:00:00:00:00";
 
 std::vector<std::string> InterfaceNames() {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(kInterfaces, error)) {
-    names.push_back(entry.path().filename().string());
-  }
+  auto names = base::NamesIn(kInterfaces).value_or(std::vector<std::string>());
   std::sort(names.begin(), names.end());
   return names;
 }

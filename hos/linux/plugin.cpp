@@ -1,6 +1,5 @@
 #include "klib/plugin.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -13,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/folder.h"
 #include "base/unique_fd.h"
 #include "child.h"
 #include "error.h"
@@ -83,21 +83,17 @@ bool IsProgram(int folder, const std::string& name, struct stat& info) {
 }
 
 // The entries that are meant as plug-ins, in name order; nothing when the folder cannot be read.
-std::optional<std::vector<std::string>> PluginNames(base::UniqueFd folder) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(folder.get()), closedir);
-  if (listing == nullptr) {
+std::optional<std::vector<std::string>> PluginNames(const base::UniqueFd& folder) {
+  auto names = base::NamesIn(folder.get());
+  if (!names) {
     SetErrorFromErrno();
     return std::nullopt;
   }
-  const int fd = folder.Release();
-  std::vector<std::string> names;
-  while (const dirent* entry = readdir(listing.get())) {
+  std::erase_if(*names, [&folder](const std::string& name) {
     struct stat info = {};
-    if (IsPluginName(entry->d_name) && IsProgram(fd, entry->d_name, info)) {
-      names.emplace_back(entry->d_name);
-    }
-  }
-  std::sort(names.begin(), names.end());
+    return !IsPluginName(name) || !IsProgram(folder.get(), name, info);
+  });
+  std::sort(names->begin(), names->end());
   return names;
 }
 
@@ -115,7 +111,7 @@ int RunAll(unsigned int number, const std::string& action) {
   Folder folder = OpenActionFolder(action);
   if (folder.state == FolderState::kMissing) return 0;
   if (folder.state == FolderState::kRefused) return -1;
-  const auto names = PluginNames(std::move(folder.fd));
+  const auto names = PluginNames(folder.fd);
   if (!names) return -1;
   int result = 0;
   for (const std::string& name : *names) {

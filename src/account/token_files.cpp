@@ -3,13 +3,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <string_view>
-#include <system_error>
 
 #include "account/privilege_guard.h"
 #include "account/record_keys.h"
 #include "base/atomic_replace.h"
+#include "base/folder.h"
 
 namespace nodelink {
 namespace {
@@ -23,15 +22,8 @@ bool IsOfTheAccount(std::string_view name) {
 }
 
 std::vector<std::string> TokenFiles() {
-  std::vector<std::string> names;
-  std::error_code failure;
-  for (std::filesystem::directory_iterator entry(record::kFolder, failure), end;
-       !failure && entry != end; entry.increment(failure)) {
-    const std::string name = entry->path().filename();
-    if (IsTokenFile(name)) {
-      names.push_back(name);
-    }
-  }
+  auto names = base::NamesIn(record::kFolder).value_or(std::vector<std::string>());
+  std::erase_if(names, [](const std::string& name) { return !IsTokenFile(name); });
   return names;
 }
 
