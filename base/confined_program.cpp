@@ -29,6 +29,9 @@
 namespace base {
 namespace {
 
+// What confines the program may hang when there is no memory for it.
+constexpr std::chrono::seconds kStartLimit{20};
+
 constexpr std::size_t kLongestFailure = 64;
 constexpr uid_t kUnchanged = static_cast<uid_t>(-1);
 
@@ -332,10 +335,11 @@ bool ConfinedProgram::IsConfined(std::chrono::steady_clock::time_point deadline,
 
 std::optional<std::string> ConfinedProgram::Ask(std::string_view question, std::size_t longest,
                                                 std::chrono::milliseconds limit, std::string& why) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto now = std::chrono::steady_clock::now();
+  const auto deadline = now + limit;
   if (!Runs()) {
     Stop();
-    if (!Start(why) || !IsConfined(deadline, why)) {
+    if (!Start(why) || !IsConfined(std::min(now + kStartLimit, deadline), why)) {
       Stop();
       return std::nullopt;
     }

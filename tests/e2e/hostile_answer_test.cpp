@@ -237,7 +237,7 @@ class SlowAnswerTest : public HostileAnswerTest {
     response.fault.slow_bytes = bytes;
     response.fault.slow_interval = pause;
     bad_.SetAnswer(response);
-    ExpectFailure(RunFlow(FastClock(60)));
+    ExpectFailure(RunFlow(FastClock(40)));
     EXPECT_EQ(State(), before);
     // Whoever talks to the server kept its limit; nobody had to be stopped.
     EXPECT_THAT(Log(), testing::Not(testing::Contains(testing::HasSubstr("Failed to ask"))));
