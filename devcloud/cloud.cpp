@@ -7,12 +7,12 @@
 #include <stdexcept>
 #include <utility>
 
-#include "devcloud/account_api.h"
-#include "devcloud/control.h"
-#include "devcloud/listener.h"
-#include "devcloud/oauth.h"
-#include "devcloud/router.h"
-#include "devcloud/state_folder.h"
+#include "devcloud/api/account_api.h"
+#include "devcloud/api/oauth.h"
+#include "devcloud/control/control.h"
+#include "devcloud/http/listener.h"
+#include "devcloud/http/router.h"
+#include "devcloud/state/state_folder.h"
 
 namespace devcloud {
 namespace {

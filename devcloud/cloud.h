@@ -12,16 +12,16 @@
 #include <string>
 #include <vector>
 
-#include "devcloud/certificates.h"
-#include "devcloud/clients.h"
-#include "devcloud/device_api.h"
-#include "devcloud/faults.h"
-#include "devcloud/held_answers.h"
-#include "devcloud/https_server.h"
-#include "devcloud/request_log.h"
-#include "devcloud/store.h"
-#include "devcloud/tls_switch.h"
-#include "devcloud/token_store.h"
+#include "devcloud/api/device_api.h"
+#include "devcloud/http/certificates.h"
+#include "devcloud/http/https_server.h"
+#include "devcloud/http/tls_switch.h"
+#include "devcloud/state/clients.h"
+#include "devcloud/state/faults.h"
+#include "devcloud/state/held_answers.h"
+#include "devcloud/state/request_log.h"
+#include "devcloud/state/store.h"
+#include "devcloud/state/token_store.h"
 
 namespace devcloud {
 

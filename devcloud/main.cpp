@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "devcloud/cloud.h"
-#include "devcloud/state_folder.h"
+#include "devcloud/state/state_folder.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 #include "devcloud/console/page.h"
-#include "devcloud/json_fields.h"
+#include "devcloud/http/json_fields.h"
 
 namespace devcloud::console {
 namespace {

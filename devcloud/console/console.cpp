@@ -1,9 +1,9 @@
 #include "devcloud/console/console.h"
 
+#include "devcloud/api/html_pages.h"
 #include "devcloud/console/page.h"
-#include "devcloud/html_pages.h"
-#include "devcloud/json_fields.h"
-#include "devcloud/secrets.h"
+#include "devcloud/http/json_fields.h"
+#include "devcloud/state/secrets.h"
 
 namespace devcloud::console {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "devcloud/cloud.h"
-#include "devcloud/router.h"
+#include "devcloud/http/router.h"
 
 namespace devcloud::console {
 

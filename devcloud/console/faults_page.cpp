@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "devcloud/console/page.h"
-#include "devcloud/json_fields.h"
+#include "devcloud/http/json_fields.h"
 
 namespace devcloud::console {
 namespace {

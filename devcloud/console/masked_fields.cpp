@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "devcloud/json_text.h"
+#include "devcloud/http/json_text.h"
 
 namespace devcloud::console {
 namespace {

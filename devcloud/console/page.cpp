@@ -3,7 +3,7 @@
 #include <charconv>
 #include <ctime>
 
-#include "devcloud/json_fields.h"
+#include "devcloud/http/json_fields.h"
 
 namespace devcloud::console {
 namespace {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "devcloud/cloud.h"
-#include "devcloud/form.h"
-#include "devcloud/html.h"
+#include "devcloud/http/form.h"
+#include "devcloud/http/html.h"
 
 namespace devcloud::console {
 

@@ -1,6 +1,6 @@
 #include "devcloud/console/masked_fields.h"
 #include "devcloud/console/page.h"
-#include "devcloud/json_fields.h"
+#include "devcloud/http/json_fields.h"
 
 namespace devcloud::console {
 namespace {

@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "devcloud/api/device_token.h"
 #include "devcloud/cloud.h"
-#include "devcloud/device_token.h"
-#include "devcloud/form.h"
-#include "devcloud/json_text.h"
-#include "http_client.h"
+#include "devcloud/http/form.h"
+#include "devcloud/http/json_text.h"
+#include "tests/devcloud/http_client.h"
 
 namespace devcloud_test {
 

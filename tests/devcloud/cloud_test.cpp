@@ -1,8 +1,8 @@
 #include "devcloud/cloud.h"
 
-#include "cloud_fixture.h"
-#include "devcloud/state_folder.h"
-#include "temporary_folder.h"
+#include "devcloud/state/state_folder.h"
+#include "tests/devcloud/cloud_fixture.h"
+#include "tests/devcloud/temporary_folder.h"
 
 namespace devcloud_test {
 namespace {

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "http_client.h"
-#include "temporary_folder.h"
+#include "tests/devcloud/http_client.h"
+#include "tests/devcloud/temporary_folder.h"
 
 namespace devcloud_test {
 namespace {

@@ -1,6 +1,6 @@
 #include "deviceapi/sender_test.h"
 
-#include "devcloud/device_token.h"
+#include "devcloud/api/device_token.h"
 
 nodelink::SzHash SenderTest::MakeParams() const {
   nodelink::SzHash params(KLIBCSzHashAlloc(1024));

@@ -22,7 +22,7 @@
 #include "base/unique_fd.h"
 #include "core/error_code.h"
 #include "core/json.h"
-#include "devcloud/device_token.h"
+#include "devcloud/api/device_token.h"
 #include "deviceapi/account_server.h"
 #include "deviceapi/row_text.h"
 #include "deviceapi/server_config_hook.h"

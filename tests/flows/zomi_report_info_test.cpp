@@ -7,7 +7,7 @@
 
 #include "core/error_code.h"
 #include "core/json.h"
-#include "devcloud/device_token.h"
+#include "devcloud/api/device_token.h"
 #include "oauth/session_test.h"
 #include "support/fail_each_call.h"
 

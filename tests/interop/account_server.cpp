@@ -1,7 +1,7 @@
 #include "interop/account_server.h"
 
 #include "core/json.h"
-#include "devcloud/account_json.h"
+#include "devcloud/state/account_json.h"
 
 namespace interop {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "devcloud/certificates.h"
-#include "devcloud/https_server.h"
+#include "devcloud/http/certificates.h"
+#include "devcloud/http/https_server.h"
 
 namespace interop {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "devcloud/certificates.h"
+#include "devcloud/http/certificates.h"
 #include "lab/process.h"
 
 namespace interop {

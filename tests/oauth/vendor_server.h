@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "devcloud/certificates.h"
-#include "devcloud/https_server.h"
-#include "devcloud/tls_switch.h"
+#include "devcloud/http/certificates.h"
+#include "devcloud/http/https_server.h"
+#include "devcloud/http/tls_switch.h"
 
 class VendorServer {
  public:

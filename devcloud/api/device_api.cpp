@@ -1,0 +1,184 @@
+#include "devcloud/api/device_api.h"
+
+#include <algorithm>
+#include <initializer_list>
+#include <utility>
+
+#include "devcloud/api/device_token.h"
+#include "devcloud/http/json_text.h"
+#include "devcloud/state/account_json.h"
+#include "devcloud/state/secrets.h"
+
+namespace devcloud {
+namespace {
+
+constexpr const char* kBadParameter = "badparam";
+constexpr const char* kBadAuth = "badauth";
+
+// Devices read a status word out of an answer with status 400 as well as 200.
+Response WordResponse(const std::string& word, Json::Value answer = Json::objectValue) {
+  answer["code"] = word;
+  return JsonResponse(IsSuccessWord(word) ? 200 : 400, answer);
+}
+
+bool HoldsAll(const Form& form, std::initializer_list<const char*> names) {
+  return std::all_of(names.begin(), names.end(),
+                     [&form](const char* name) { return form.Find(name) != nullptr; });
+}
+
+// The token is made from the first "hs_sn": a device may send its serial number a second time
+// among its own parameters.
+bool ProvesItself(const Form& form) {
+  const std::string expected =
+      DeviceToken(form.Get("hs_sn"), form.Get("zomiID"), form.Get("zomiPW"));
+  const std::string* serial = form.Find("serial_no");
+  return SecretsEqual(form.Get("hs_token"), expected) &&
+         (serial == nullptr || *serial == form.Get("hs_sn"));
+}
+
+}  // namespace
+
+std::optional<Form> ReadForm(const Request& request) {
+  const std::string type = request.HeaderOr("Content-Type");
+  if (!EqualsIgnoringCase(type.substr(0, type.find(';')), "application/x-www-form-urlencoded")) {
+    return std::nullopt;
+  }
+  return Form::Parse(request.body);
+}
+
+DeviceApi::DeviceApi(Store& store, WallClock clock) : store_(store), clock_(std::move(clock)) {}
+
+void DeviceApi::AddRoutes(Router& router) {
+  const auto add_proven = [&](const char* path, Method method) {
+    router.Add("POST", path, [this, method](const Request& request, const auto&) {
+      return AnswerProvenForm(request, method);
+    });
+  };
+  add_proven("/device/api/user/query", &DeviceApi::Query);
+  add_proven("/device/api/report", &DeviceApi::Report);
+  add_proven("/device/api/password_login", &DeviceApi::PasswordLogin);
+  router.Add("POST", "/cloudservice/api/v1/apikey/register",
+             [this](const Request& request, const auto&) {
+               return AnswerForm(request, &DeviceApi::RegisterApiKey);
+             });
+}
+
+Response DeviceApi::AnswerForm(const Request& request, Method method) {
+  const std::optional<Form> form = ReadForm(request);
+  return form ? (this->*method)(*form) : WordResponse(kBadParameter);
+}
+
+Response DeviceApi::AnswerProvenForm(const Request& request, Method method) {
+  const std::optional<Form> form = ReadForm(request);
+  if (!form || !HoldsAll(*form, {"hs_sn", "hs_token"}) || !IsValidSerial(form->Get("hs_sn"))) {
+    return WordResponse(kBadParameter);
+  }
+  return ProvesItself(*form) ? (this->*method)(*form) : WordResponse(kBadAuth);
+}
+
+std::optional<Link> DeviceApi::FindProvenLink(const Form& form) {
+  std::optional<Link> link = store_.FindLink(form.Get("serial_no"));
+  const bool fits =
+      link && link->user_id == form.Get("id") && SecretsEqual(link->auth_key, form.Get("auth_key"));
+  return fits ? link : std::nullopt;
+}
+
+std::optional<std::string> DeviceApi::ScheduleFor(const std::string& serial,
+                                                  const Account& account) {
+  const std::optional<Device> device = store_.FindDevice(serial);
+  if (device && device->report_cron_timestring) return device->report_cron_timestring;
+  return account.report_cron_timestring;
+}
+
+Response DeviceApi::Query(const Form& form) {
+  if (!HoldsAll(form, {"id", "auth_key", "serial_no"})) return WordResponse(kBadParameter);
+  const std::optional<Link> link = FindProvenLink(form);
+  const std::optional<Account> account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  if (!account || account->state == kBadAuth) return WordResponse(kBadAuth);
+  // A device looks for the profile's members before it looks at the word.
+  Json::Value answer = ProfileToJson(*account);
+  if (const auto schedule = ScheduleFor(link->serial, *account)) {
+    answer["report_cron_timestring"] = *schedule;
+  }
+  return WordResponse(account->state, answer);
+}
+
+Response DeviceApi::Report(const Form& form) {
+  if (!HoldsAll(form, {"id", "auth_key", "timezone", "serial_no", "hs_info"})) {
+    return WordResponse(kBadParameter);
+  }
+  Transaction transaction(store_.database());
+  const std::optional<Link> link = FindProvenLink(form);
+  const std::optional<Account> account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  if (!account) return WordResponse(kBadAuth);
+  Json::Value answer(Json::objectValue);
+  const auto schedule = ScheduleFor(link->serial, *account);
+  if (schedule) answer["report_cron_timestring"] = *schedule;
+  NoteReport(link->serial, form.Get("timezone"), schedule);
+  transaction.Commit();
+  return WordResponse(account->state, answer);
+}
+
+void DeviceApi::NoteReport(const std::string& serial, const std::string& timezone,
+                           const std::optional<std::string>& schedule) {
+  std::optional<Device> device = store_.FindDevice(serial);
+  if (!device) return;
+  device->reported_at = clock_();
+  device->reported_timezone = timezone;
+  device->schedule_given = schedule;
+  store_.PutDevice(*device);
+}
+
+// The word against the device's key, "good" when there is none.
+std::string DeviceApi::JudgeApiKey(const Form& form) {
+  const std::optional<Device> device = store_.FindDevice(form.Get("serial_no"));
+  const bool known = device && device->api_key && device->mac == form.Get("mac") &&
+                     SecretsEqual(*device->api_key, form.Get("api_key"));
+  if (!known) return "apikey_not_found";
+  return device->api_key_expired ? "apikey_expired" : kGoodWord;
+}
+
+// The word against the account, "good" when there is none.
+std::string DeviceApi::JudgeCredentials(const Form& form) {
+  const std::optional<Account> account = store_.FindAccountByEmail(form.Get("email"));
+  if (!account) return "account_not_found";
+  if (!store_.PasswordFits(account->user_id, form.Get("passwd"))) return kBadAuth;
+  return account->state;
+}
+
+Response DeviceApi::PasswordLogin(const Form& form) {
+  if (!HoldsAll(form, {"email", "passwd", "serial_no", "api_key", "mac"}) ||
+      form.Get("type") != "acnt_pw_apikey") {
+    return WordResponse(kBadParameter);
+  }
+  Transaction transaction(store_.database());
+  std::string word = JudgeApiKey(form);
+  if (IsSuccessWord(word)) word = JudgeCredentials(form);
+  if (!IsSuccessWord(word)) return WordResponse(word);
+  const std::optional<Account> account = store_.FindAccountByEmail(form.Get("email"));
+  const std::optional<Link> link = store_.LinkDevice(form.Get("serial_no"), account->user_id);
+  if (!link) return WordResponse("serial_exceed_max_account_register");
+  transaction.Commit();
+  Json::Value answer(Json::objectValue);
+  answer["id"] = link->user_id;
+  answer["auth_key"] = link->auth_key;
+  return WordResponse(word, answer);
+}
+
+Response DeviceApi::RegisterApiKey(const Form& form) {
+  const std::string serial = form.Get("serial_no");
+  const std::string mac = form.Get("mac");
+  if (!IsValidSerial(serial) || !IsValidMac(mac)) return WordResponse(kBadParameter);
+  Transaction transaction(store_.database());
+  Device device = store_.FindDevice(serial).value_or(Device{.serial = serial});
+  device.mac = mac;
+  device.api_key = RandomToken();
+  device.api_key_expired = false;
+  store_.PutDevice(device);
+  transaction.Commit();
+  Json::Value answer(Json::objectValue);
+  answer["api_key"] = *device.api_key;
+  return JsonResponse(200, answer);
+}
+
+}  // namespace devcloud
