@@ -1,5 +1,6 @@
 #include "devcloud/http/router.h"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -45,8 +46,10 @@ std::optional<std::vector<std::string>> Match(const std::vector<std::string>& pa
 
 }  // namespace
 
-void Router::Add(std::string method, const std::string& pattern, RouteHandler handler) {
-  entries_.push_back({std::move(method), SplitPath(pattern), std::move(handler)});
+void Router::Add(std::string method, std::string pattern, RouteHandler handler) {
+  std::vector<std::string> segments = SplitPath(pattern);
+  entries_.push_back(
+      {std::move(method), std::move(pattern), std::move(segments), std::move(handler)});
 }
 
 Response Router::Route(const Request& request) const {
@@ -62,6 +65,15 @@ Response Router::Route(const Request& request) const {
   Response response = JsonError(405, "method not allowed");
   response.headers.push_back({"Allow", allowed});
   return response;
+}
+
+std::vector<std::string> Router::Patterns() const {
+  std::vector<std::string> patterns;
+  for (const Entry& entry : entries_) {
+    if (std::find(patterns.begin(), patterns.end(), entry.pattern) != patterns.end()) continue;
+    patterns.push_back(entry.pattern);
+  }
+  return patterns;
 }
 
 }  // namespace devcloud
