@@ -47,7 +47,7 @@ void Flatten(const std::string& name, const Json::Value& value, Direction direct
   }
 }
 
-Fields FormFields(const Form& form, Direction direction) {
+Fields FieldsOf(const Form& form, Direction direction) {
   Fields fields;
   for (const auto& [name, value] : form.pairs()) {
     if (fields.size() > kMostFields) break;
@@ -92,7 +92,7 @@ Fields MaskedFields(const std::string& text, Direction direction) {
   }
   const std::optional<Form> form = Form::Parse(text);
   if (form && text.find('=') != std::string::npos && text.find('<') == std::string::npos) {
-    return Limited(FormFields(*form, direction));
+    return Limited(FieldsOf(*form, direction));
   }
   return {{"", std::to_string(text.size()) + " bytes of something else"}};
 }

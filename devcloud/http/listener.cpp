@@ -25,7 +25,8 @@ AddressPtr Resolve(const std::string& address, const std::string& port) {
                                                                                      : nullptr);
 }
 
-[[noreturn]] void Fail(int error, const std::string& address, const std::string& port) {
+[[noreturn]] void ThrowCannotListen(int error, const std::string& address,
+                                    const std::string& port) {
   throw std::system_error(error, std::generic_category(),
                           "cannot listen on " + address + " port " + port);
 }
@@ -35,14 +36,14 @@ AddressPtr Resolve(const std::string& address, const std::string& port) {
 base::UniqueFd Listen(const std::string& address, std::uint16_t port) {
   const std::string port_text = std::to_string(port);
   const AddressPtr where = Resolve(address, port_text);
-  if (where == nullptr) Fail(EADDRNOTAVAIL, address, port_text);
+  if (where == nullptr) ThrowCannotListen(EADDRNOTAVAIL, address, port_text);
   base::UniqueFd socket(
       ::socket(where->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, where->ai_protocol));
   const int on = 1;
   if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
       ::bind(socket.get(), where->ai_addr, where->ai_addrlen) != 0 ||
       ::listen(socket.get(), SOMAXCONN) != 0) {
-    Fail(errno, address, port_text);
+    ThrowCannotListen(errno, address, port_text);
   }
   return socket;
 }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 
-[[noreturn]] void Fail(const std::string& what, const std::string& file) {
+[[noreturn]] void ThrowFileError(const std::string& what, const std::string& file) {
   throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
 }
 
@@ -23,7 +23,7 @@ constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 std::optional<std::string> ReadIfThere(const std::string& file) {
   std::string text;
   if (base::ReadFile(file, kLargestFile, text)) return text;
-  if (errno != ENOENT) Fail("cannot read", file);
+  if (errno != ENOENT) ThrowFileError("cannot read", file);
   return std::nullopt;
 }
 
@@ -37,7 +37,7 @@ std::string LoadOrMake(const std::string& file, std::string (*make)()) {
 }  // namespace
 
 void WriteFile(const std::string& file, const std::string& content, unsigned mode) {
-  if (!base::AtomicReplace(file, content, mode)) Fail("cannot write", file);
+  if (!base::AtomicReplace(file, content, mode)) ThrowFileError("cannot write", file);
 }
 
 std::string DatabaseFile(const std::string& folder) {
