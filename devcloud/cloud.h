@@ -8,20 +8,16 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "devcloud/api/device_api.h"
+#include "devcloud/control/control.h"
 #include "devcloud/http/certificates.h"
 #include "devcloud/http/https_server.h"
+#include "devcloud/http/router.h"
 #include "devcloud/http/tls_switch.h"
-#include "devcloud/state/clients.h"
-#include "devcloud/state/faults.h"
-#include "devcloud/state/held_answers.h"
-#include "devcloud/state/request_log.h"
-#include "devcloud/state/store.h"
-#include "devcloud/state/token_store.h"
+#include "devcloud/state/cloud_state.h"
 
 namespace devcloud {
 
@@ -51,26 +47,33 @@ class Cloud {
 
   void Stop();
 
-  [[nodiscard]] HttpsServer& server();
-  [[nodiscard]] HttpsServer& control();
-  [[nodiscard]] Store& store();
-  [[nodiscard]] FaultBook& faults();
-  [[nodiscard]] HeldAnswers& held();
-  [[nodiscard]] RequestLog& log();
-  [[nodiscard]] Clients& clients();
-  [[nodiscard]] TokenStore& tokens();
-  [[nodiscard]] const Authority& authority() const;
+  [[nodiscard]] HttpsServer& server() { return server_; }
+  [[nodiscard]] HttpsServer& control() { return control_server_; }
+  [[nodiscard]] const Authority& authority() const { return authority_; }
+  [[nodiscard]] CloudState& state() { return state_; }
+  [[nodiscard]] Store& store() { return state_.store; }
+  [[nodiscard]] FaultBook& faults() { return state_.faults; }
+  [[nodiscard]] HeldAnswers& held() { return state_.held; }
+  [[nodiscard]] RequestLog& log() { return state_.log; }
+  [[nodiscard]] Clients& clients() { return state_.clients; }
+  [[nodiscard]] TokenStore& tokens() { return state_.tokens; }
 
   // For connections accepted from now on.
-  void SetTls(TlsChoice choice);
-  [[nodiscard]] TlsChoice tls() const;
-
-  // Seconds since the epoch by the cloud's own clock.
-  [[nodiscard]] std::int64_t Now() const;
+  void SetTls(TlsChoice choice) { tls_.Choose(choice); }
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  [[nodiscard]] Response Answer(const Request& request);
+  [[nodiscard]] Response AnswerWithFaults(const Request& request,
+                                          const std::optional<FaultRule>& rule) const;
+
+  CloudOptions options_;
+  Authority authority_;
+  CloudState state_;
+  Router router_;
+  HttpsServer server_;
+  TlsSwitch tls_;
+  Control control_;
+  HttpsServer control_server_;
 };
 
 }  // namespace devcloud

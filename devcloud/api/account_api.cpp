@@ -2,15 +2,14 @@
 
 #include <sstream>
 
-#include "devcloud/api/oauth.h"
+#include "devcloud/api/code_challenge.h"
+#include "devcloud/api/device_api.h"
 #include "devcloud/http/json_text.h"
 
 namespace devcloud {
 namespace {
 
-constexpr const char* kExchangePath = "/oauth2/api/v1/device/core/authkey/exchange";
-constexpr const char* kGrantPath = "/migration/api/v1/device/core/authorization_code/grant";
-constexpr const char* kLogoutPath = "/device/api/logout";
+using Endpoint = Response (*)(CloudState& state, const Request& request);
 
 Response Unauthorized(const std::string& error) {
   Response response = JsonError(401, error);
@@ -31,47 +30,24 @@ std::string Join(const std::vector<std::string>& words) {
   return text;
 }
 
-}  // namespace
-
-std::string ScopeValue(const std::string& scope, const std::string& name) {
-  std::istringstream words(scope);
-  const std::string start = name + ":";
-  for (std::string word; words >> word;) {
-    if (word.substr(0, start.size()) == start) return word.substr(start.size());
-  }
-  return {};
-}
-
-AccountApi::AccountApi(Store& store, Clients& clients, TokenStore& tokens, DeviceApi& devices)
-    : store_(store), clients_(clients), tokens_(tokens), devices_(devices) {}
-
-void AccountApi::AddRoutes(Router& router) {
-  router.Add("POST", kExchangePath,
-             [this](const Request& request, const auto&) { return ExchangeAuthKey(request); });
-  router.Add("POST", kGrantPath,
-             [this](const Request& request, const auto&) { return GrantCode(request); });
-  router.Add("POST", kLogoutPath,
-             [this](const Request& request, const auto&) { return Logout(request); });
-}
-
-std::optional<Client> AccountApi::FindCaller(const Request& request) {
-  return clients_.Find(request.HeaderOr("X-Client-ID"));
+std::optional<Client> FindCaller(CloudState& state, const Request& request) {
+  return state.clients.Find(request.HeaderOr("X-Client-ID"));
 }
 
 // A browser login is where the cloud first hears of a device that never registered a key.
-std::optional<Link> AccountApi::LinkByScope(const Family& family) {
+std::optional<Link> LinkByScope(CloudState& state, const Family& family) {
   const std::string serial = ScopeValue(family.grant.scope, "sn");
-  if (!store_.FindDevice(serial)) {
-    store_.PutDevice({.serial = serial, .mac = ScopeValue(family.grant.scope, "mac")});
+  if (!state.store.FindDevice(serial)) {
+    state.store.PutDevice({.serial = serial, .mac = ScopeValue(family.grant.scope, "mac")});
   }
-  return store_.LinkDevice(serial, family.grant.user_id);
+  return state.store.LinkDevice(serial, family.grant.user_id);
 }
 
-Response AccountApi::ExchangeAuthKey(const Request& request) {
+Response ExchangeAuthKey(CloudState& state, const Request& request) {
   if (!request.body.empty()) return JsonError(400, "the body must be empty");
   const std::optional<Family> family =
-      tokens_.FindByToken(BearerToken(request), TokenKind::kAccess);
-  const auto account = family ? store_.FindAccount(family->grant.user_id) : std::nullopt;
+      state.tokens.FindByToken(BearerToken(request), TokenKind::kAccess);
+  const auto account = family ? state.store.FindAccount(family->grant.user_id) : std::nullopt;
   if (!account || !IsSuccessWord(account->state)) {
     return Unauthorized("the token is expired or revoked");
   }
@@ -79,8 +55,8 @@ Response AccountApi::ExchangeAuthKey(const Request& request) {
       !IsValidMac(ScopeValue(family->grant.scope, "mac"))) {
     return JsonError(403, "the token's scope names no device (sn:SERIAL mac:ADDRESS)");
   }
-  Transaction transaction(store_.database());
-  const std::optional<Link> link = LinkByScope(*family);
+  Transaction transaction(state.database);
+  const std::optional<Link> link = LinkByScope(state, *family);
   if (!link) return JsonError(403, "serial_exceed_max_account_register");
   transaction.Commit();
   Json::Value answer(Json::objectValue);
@@ -89,64 +65,87 @@ Response AccountApi::ExchangeAuthKey(const Request& request) {
   return JsonResponse(200, answer);
 }
 
-Response AccountApi::GrantCode(const Request& request) {
-  const std::optional<Form> form = ReadForm(request);
-  const std::optional<Client> client = FindCaller(request);
-  if (!client) return JsonError(400, "X-Client-ID is missing or unknown");
-  if (!form || form->Get("client_id") != client->client_id) {
-    return JsonError(400, "client_id is not that of X-Client-ID");
-  }
-  return GrantCodeTo(*client, *form);
-}
-
-Response AccountApi::GrantCodeTo(const Client& client, const Form& form) {
-  if (!clients_.MayRedirect(client, form.Get("redirect_url"))) {
+Response GrantCodeTo(CloudState& state, const Client& client, const Form& form) {
+  if (!state.clients.MayRedirect(client, form.Get("redirect_url"))) {
     return JsonError(400, "redirect_url is not registered");
   }
   if (form.Get("state").empty() || !IsCodeChallenge(form.Get("code_challenge"))) {
     return JsonError(400, "state or code_challenge is missing or invalid");
   }
-  const std::optional<Link> link = store_.FindLinkByAuthKey(form.Get("auth_key"));
-  const auto account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  const std::optional<Link> link = state.store.FindLinkByAuthKey(form.Get("auth_key"));
+  const auto account = link ? state.store.FindAccount(link->user_id) : std::nullopt;
   if (!account || !IsSuccessWord(account->state)) return Unauthorized("auth_key is not accepted");
   const std::string scope = Join(form.GetAll("scopes[]"));
   const std::string serial = ScopeValue(scope, "sn");
-  if (!serial.empty() && serial != link->serial)
+  if (!serial.empty() && serial != link->serial) {
     return JsonError(400, "scopes[] of another device");
+  }
   Json::Value answer(Json::objectValue);
-  answer["grant_code"] = tokens_.IssueCode({.grant = {client.client_id, link->user_id, scope},
-                                            .redirect_uri = form.Get("redirect_url"),
-                                            .code_challenge = form.Get("code_challenge")});
+  answer["grant_code"] = state.tokens.IssueCode({.grant = {client.client_id, link->user_id, scope},
+                                                 .redirect_uri = form.Get("redirect_url"),
+                                                 .code_challenge = form.Get("code_challenge")});
   answer["state"] = form.Get("state");
   return JsonResponse(200, answer);
 }
 
-// Devices read the status word of a logout out of answers with status 200 only.
-Response AccountApi::Logout(const Request& request) {
-  if (!FindCaller(request)) return JsonError(400, "X-Client-ID is missing or unknown");
+Response GrantCode(CloudState& state, const Request& request) {
   const std::optional<Form> form = ReadForm(request);
-  Json::Value answer(Json::objectValue);
-  answer["code"] = form ? LogOut(*form) : "badparam";
-  return JsonResponse(200, answer);
+  const std::optional<Client> client = FindCaller(state, request);
+  if (!client) return JsonError(400, "X-Client-ID is missing or unknown");
+  if (!form || form->Get("client_id") != client->client_id) {
+    return JsonError(400, "client_id is not that of X-Client-ID");
+  }
+  return GrantCodeTo(state, *client, *form);
 }
 
-std::string AccountApi::LogOut(const Form& form) {
+std::string LogOut(CloudState& state, const Form& form) {
   for (const char* name : {"serial_no", "id", "auth_key"}) {
     if (form.Find(name) == nullptr) return "badparam";
   }
-  Transaction transaction(store_.database());
+  Transaction transaction(state.database);
   // A device that was unlinked here learns of it by a refused report and then logs out: it must be
   // able to.
-  if (!store_.FindLink(form.Get("serial_no"))) return kGoodWord;
-  const std::optional<Link> link = devices_.FindProvenLink(form);
-  const auto account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  if (!state.store.FindLink(form.Get("serial_no"))) return kGoodWord;
+  const std::optional<Link> link = FindProvenLink(state.store, form);
+  const auto account = link ? state.store.FindAccount(link->user_id) : std::nullopt;
   if (!account) return "badauth";
   if (!IsSuccessWord(account->state)) return account->state;
-  const auto family = tokens_.FindByAnyToken(form.Get("access_token"), TokenKind::kAccess);
-  if (family && family->grant.user_id == link->user_id) tokens_.RevokeFamily(family->id);
-  store_.Unlink(link->serial);
+  const auto family = state.tokens.FindByAnyToken(form.Get("access_token"), TokenKind::kAccess);
+  if (family && family->grant.user_id == link->user_id) state.tokens.RevokeFamily(family->id);
+  state.store.Unlink(link->serial);
   transaction.Commit();
   return account->state;
+}
+
+// Devices read the status word of a logout out of answers with status 200 only.
+Response Logout(CloudState& state, const Request& request) {
+  if (!FindCaller(state, request)) return JsonError(400, "X-Client-ID is missing or unknown");
+  const std::optional<Form> form = ReadForm(request);
+  Json::Value answer(Json::objectValue);
+  answer["code"] = form ? LogOut(state, *form) : "badparam";
+  return JsonResponse(200, answer);
+}
+
+}  // namespace
+
+void AddAccountApi(Router& router, CloudState& state) {
+  const auto add = [&](const char* path, Endpoint endpoint) {
+    router.Add("POST", path, [&state, endpoint](const Request& request, const auto&) {
+      return endpoint(state, request);
+    });
+  };
+  add("/oauth2/api/v1/device/core/authkey/exchange", ExchangeAuthKey);
+  add("/migration/api/v1/device/core/authorization_code/grant", GrantCode);
+  add("/device/api/logout", Logout);
+}
+
+std::string ScopeValue(const std::string& scope, const std::string& name) {
+  std::istringstream words(scope);
+  const std::string start = name + ":";
+  for (std::string word; words >> word;) {
+    if (word.substr(0, start.size()) == start) return word.substr(start.size());
+  }
+  return {};
 }
 
 }  // namespace devcloud

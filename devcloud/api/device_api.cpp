@@ -12,6 +12,8 @@
 namespace devcloud {
 namespace {
 
+using Endpoint = Response (*)(CloudState& state, const Form& form);
+
 constexpr const char* kBadParameter = "badparam";
 constexpr const char* kBadAuth = "badauth";
 
@@ -36,102 +38,70 @@ bool ProvesItself(const Form& form) {
          (serial == nullptr || *serial == form.Get("hs_sn"));
 }
 
-}  // namespace
-
-std::optional<Form> ReadForm(const Request& request) {
-  const std::string type = request.HeaderOr("Content-Type");
-  if (!EqualsIgnoringCase(type.substr(0, type.find(';')), "application/x-www-form-urlencoded")) {
-    return std::nullopt;
-  }
-  return Form::Parse(request.body);
-}
-
-DeviceApi::DeviceApi(Store& store, WallClock clock) : store_(store), clock_(std::move(clock)) {}
-
-void DeviceApi::AddRoutes(Router& router) {
-  const auto add_proven = [&](const char* path, Method method) {
-    router.Add("POST", path, [this, method](const Request& request, const auto&) {
-      return AnswerProvenForm(request, method);
-    });
-  };
-  add_proven("/device/api/user/query", &DeviceApi::Query);
-  add_proven("/device/api/report", &DeviceApi::Report);
-  add_proven("/device/api/password_login", &DeviceApi::PasswordLogin);
-  router.Add("POST", "/cloudservice/api/v1/apikey/register",
-             [this](const Request& request, const auto&) {
-               return AnswerForm(request, &DeviceApi::RegisterApiKey);
-             });
-}
-
-Response DeviceApi::AnswerForm(const Request& request, Method method) {
+Response AnswerForm(CloudState& state, const Request& request, Endpoint endpoint) {
   const std::optional<Form> form = ReadForm(request);
-  return form ? (this->*method)(*form) : WordResponse(kBadParameter);
+  return form ? endpoint(state, *form) : WordResponse(kBadParameter);
 }
 
-Response DeviceApi::AnswerProvenForm(const Request& request, Method method) {
+Response AnswerProvenForm(CloudState& state, const Request& request, Endpoint endpoint) {
   const std::optional<Form> form = ReadForm(request);
   if (!form || !HoldsAll(*form, {"hs_sn", "hs_token"}) || !IsValidSerial(form->Get("hs_sn"))) {
     return WordResponse(kBadParameter);
   }
-  return ProvesItself(*form) ? (this->*method)(*form) : WordResponse(kBadAuth);
+  return ProvesItself(*form) ? endpoint(state, *form) : WordResponse(kBadAuth);
 }
 
-std::optional<Link> DeviceApi::FindProvenLink(const Form& form) {
-  std::optional<Link> link = store_.FindLink(form.Get("serial_no"));
-  const bool fits =
-      link && link->user_id == form.Get("id") && SecretsEqual(link->auth_key, form.Get("auth_key"));
-  return fits ? link : std::nullopt;
-}
-
-std::optional<std::string> DeviceApi::ScheduleFor(const std::string& serial,
-                                                  const Account& account) {
-  const std::optional<Device> device = store_.FindDevice(serial);
+std::optional<std::string> ScheduleFor(CloudState& state, const std::string& serial,
+                                       const Account& account) {
+  const std::optional<Device> device = state.store.FindDevice(serial);
   if (device && device->report_cron_timestring) return device->report_cron_timestring;
   return account.report_cron_timestring;
 }
 
-Response DeviceApi::Query(const Form& form) {
+Response Query(CloudState& state, const Form& form) {
   if (!HoldsAll(form, {"id", "auth_key", "serial_no"})) return WordResponse(kBadParameter);
-  const std::optional<Link> link = FindProvenLink(form);
-  const std::optional<Account> account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  const std::optional<Link> link = FindProvenLink(state.store, form);
+  const std::optional<Account> account =
+      link ? state.store.FindAccount(link->user_id) : std::nullopt;
   if (!account || account->state == kBadAuth) return WordResponse(kBadAuth);
   // A device looks for the profile's members before it looks at the word.
   Json::Value answer = ProfileToJson(*account);
-  if (const auto schedule = ScheduleFor(link->serial, *account)) {
+  if (const auto schedule = ScheduleFor(state, link->serial, *account)) {
     answer["report_cron_timestring"] = *schedule;
   }
   return WordResponse(account->state, answer);
 }
 
-Response DeviceApi::Report(const Form& form) {
+void NoteReport(CloudState& state, const std::string& serial, const std::string& timezone,
+                const std::optional<std::string>& schedule) {
+  std::optional<Device> device = state.store.FindDevice(serial);
+  if (!device) return;
+  device->reported_at = state.clock();
+  device->reported_timezone = timezone;
+  device->schedule_given = schedule;
+  state.store.PutDevice(*device);
+}
+
+Response Report(CloudState& state, const Form& form) {
   if (!HoldsAll(form, {"id", "auth_key", "timezone", "serial_no", "hs_info"})) {
     return WordResponse(kBadParameter);
   }
-  Transaction transaction(store_.database());
-  const std::optional<Link> link = FindProvenLink(form);
-  const std::optional<Account> account = link ? store_.FindAccount(link->user_id) : std::nullopt;
+  Transaction transaction(state.database);
+  const std::optional<Link> link = FindProvenLink(state.store, form);
+  const std::optional<Account> account =
+      link ? state.store.FindAccount(link->user_id) : std::nullopt;
   if (!account) return WordResponse(kBadAuth);
   Json::Value answer(Json::objectValue);
-  const auto schedule = ScheduleFor(link->serial, *account);
+  const auto schedule = ScheduleFor(state, link->serial, *account);
   if (schedule) answer["report_cron_timestring"] = *schedule;
-  NoteReport(link->serial, form.Get("timezone"), schedule);
+  NoteReport(state, link->serial, form.Get("timezone"), schedule);
   transaction.Commit();
   return WordResponse(account->state, answer);
 }
 
-void DeviceApi::NoteReport(const std::string& serial, const std::string& timezone,
-                           const std::optional<std::string>& schedule) {
-  std::optional<Device> device = store_.FindDevice(serial);
-  if (!device) return;
-  device->reported_at = clock_();
-  device->reported_timezone = timezone;
-  device->schedule_given = schedule;
-  store_.PutDevice(*device);
-}
-
 // The word against the device's key, "good" when there is none.
-std::string DeviceApi::JudgeApiKey(const Form& form) {
-  const std::optional<Device> device = store_.FindDevice(form.Get("serial_no"));
+std::string JudgeApiKey(CloudState& state, const Form& form) {
+  const std::optional<Device> device = state.store.FindDevice(form.Get("serial_no"));
   const bool known = device && device->api_key && device->mac == form.Get("mac") &&
                      SecretsEqual(*device->api_key, form.Get("api_key"));
   if (!known) return "apikey_not_found";
@@ -139,24 +109,24 @@ std::string DeviceApi::JudgeApiKey(const Form& form) {
 }
 
 // The word against the account, "good" when there is none.
-std::string DeviceApi::JudgeCredentials(const Form& form) {
-  const std::optional<Account> account = store_.FindAccountByEmail(form.Get("email"));
+std::string JudgeCredentials(CloudState& state, const Form& form) {
+  const std::optional<Account> account = state.store.FindAccountByEmail(form.Get("email"));
   if (!account) return "account_not_found";
-  if (!store_.PasswordFits(account->user_id, form.Get("passwd"))) return kBadAuth;
+  if (!state.store.PasswordFits(account->user_id, form.Get("passwd"))) return kBadAuth;
   return account->state;
 }
 
-Response DeviceApi::PasswordLogin(const Form& form) {
+Response PasswordLogin(CloudState& state, const Form& form) {
   if (!HoldsAll(form, {"email", "passwd", "serial_no", "api_key", "mac"}) ||
       form.Get("type") != "acnt_pw_apikey") {
     return WordResponse(kBadParameter);
   }
-  Transaction transaction(store_.database());
-  std::string word = JudgeApiKey(form);
-  if (IsSuccessWord(word)) word = JudgeCredentials(form);
+  Transaction transaction(state.database);
+  std::string word = JudgeApiKey(state, form);
+  if (IsSuccessWord(word)) word = JudgeCredentials(state, form);
   if (!IsSuccessWord(word)) return WordResponse(word);
-  const std::optional<Account> account = store_.FindAccountByEmail(form.Get("email"));
-  const std::optional<Link> link = store_.LinkDevice(form.Get("serial_no"), account->user_id);
+  const std::optional<Account> account = state.store.FindAccountByEmail(form.Get("email"));
+  const std::optional<Link> link = state.store.LinkDevice(form.Get("serial_no"), account->user_id);
   if (!link) return WordResponse("serial_exceed_max_account_register");
   transaction.Commit();
   Json::Value answer(Json::objectValue);
@@ -165,20 +135,44 @@ Response DeviceApi::PasswordLogin(const Form& form) {
   return WordResponse(word, answer);
 }
 
-Response DeviceApi::RegisterApiKey(const Form& form) {
+Response RegisterApiKey(CloudState& state, const Form& form) {
   const std::string serial = form.Get("serial_no");
   const std::string mac = form.Get("mac");
   if (!IsValidSerial(serial) || !IsValidMac(mac)) return WordResponse(kBadParameter);
-  Transaction transaction(store_.database());
-  Device device = store_.FindDevice(serial).value_or(Device{.serial = serial});
+  Transaction transaction(state.database);
+  Device device = state.store.FindDevice(serial).value_or(Device{.serial = serial});
   device.mac = mac;
   device.api_key = RandomToken();
   device.api_key_expired = false;
-  store_.PutDevice(device);
+  state.store.PutDevice(device);
   transaction.Commit();
   Json::Value answer(Json::objectValue);
   answer["api_key"] = *device.api_key;
   return JsonResponse(200, answer);
+}
+
+}  // namespace
+
+void AddDeviceApi(Router& router, CloudState& state) {
+  const auto add_proven = [&](const char* path, Endpoint endpoint) {
+    router.Add("POST", path, [&state, endpoint](const Request& request, const auto&) {
+      return AnswerProvenForm(state, request, endpoint);
+    });
+  };
+  add_proven("/device/api/user/query", Query);
+  add_proven("/device/api/report", Report);
+  add_proven("/device/api/password_login", PasswordLogin);
+  router.Add("POST", "/cloudservice/api/v1/apikey/register",
+             [&state](const Request& request, const auto&) {
+               return AnswerForm(state, request, RegisterApiKey);
+             });
+}
+
+std::optional<Link> FindProvenLink(Store& store, const Form& form) {
+  std::optional<Link> link = store.FindLink(form.Get("serial_no"));
+  const bool fits =
+      link && link->user_id == form.Get("id") && SecretsEqual(link->auth_key, form.Get("auth_key"));
+  return fits ? link : std::nullopt;
 }
 
 }  // namespace devcloud

@@ -37,11 +37,11 @@ std::string DevicesOf(Store& store, const std::string& user_id) {
 
 Html AccountTable(const View& view) {
   Table table("All accounts", {"E-mail", "Name", "Devices", "Schedule for its devices", "State"});
-  for (const Account& account : view.cloud.store().Accounts()) {
+  for (const Account& account : view.state.store.Accounts()) {
     table.AddRow(
         "account-" + account.user_id,
         {ToCell(account.email), ToCell(account.full_name),
-         ToCell(DevicesOf(view.cloud.store(), account.user_id)),
+         ToCell(DevicesOf(view.state.store, account.user_id)),
          ToCell(account.report_cron_timestring.value_or("none")), StateForm(view, account)});
   }
   return table.ToHtml("There is no account yet.");
@@ -78,8 +78,9 @@ std::string Add(Store& store, const Form& form) {
   return "account-" + account.user_id;
 }
 
-std::string SetState(Store& store, const Form& form) {
-  Transaction transaction(store.database());
+std::string SetState(CloudState& state, const Form& form) {
+  Store& store = state.store;
+  Transaction transaction(state.database);
   std::optional<Account> account = store.FindAccount(form.Get("account"));
   if (!account) throw BadInput("This account no longer exists.");
   account->state = form.Get("state");
@@ -89,9 +90,9 @@ std::string SetState(Store& store, const Form& form) {
   return "account-" + account->user_id;
 }
 
-std::string Act(Cloud& cloud, const Form& form) {
-  if (form.Get("action") == "add") return Add(cloud.store(), form);
-  if (form.Get("action") == "set_state") return SetState(cloud.store(), form);
+std::string Act(const View& view, const Form& form) {
+  if (form.Get("action") == "add") return Add(view.state.store, form);
+  if (form.Get("action") == "set_state") return SetState(view.state, form);
   throw BadInput("This page has no such action.");
 }
 

@@ -1,6 +1,7 @@
 #include "devcloud/console/console.h"
 
-#include "devcloud/api/html_pages.h"
+#include <utility>
+
 #include "devcloud/console/page.h"
 #include "devcloud/http/json_fields.h"
 #include "devcloud/state/secrets.h"
@@ -34,7 +35,10 @@ Html Navigation(const Page& current) {
 
 }  // namespace
 
-Console::Console(Cloud& cloud) : cloud_(cloud), csrf_(RandomToken()) {}
+Console::Console(CloudState& state, std::vector<std::string> paths)
+    : state_(state), paths_(std::move(paths)), csrf_(RandomToken()) {}
+
+View Console::ViewOf(const Page& page) const { return {state_, paths_, AddressOf(page), csrf_}; }
 
 void Console::AddRoutes(Router& router) {
   for (const char* entrance : {"/", kRoot}) {
@@ -53,7 +57,7 @@ Response Console::Show(const Page& page, int status, const std::string& error) c
   Html body = Navigation(page);
   body << "<main id=\"content\" tabindex=\"-1\"><h1>" << std::string(page.title) << "</h1>\n";
   if (!error.empty()) body << "<p class=\"error\" role=\"alert\">" << error << "</p>\n";
-  body << page.show({cloud_, AddressOf(page), csrf_}) << "</main>";
+  body << page.show(ViewOf(page)) << "</main>";
   Response response = HtmlResponse(status, std::string(page.title) + " – Development cloud", body);
   // In addition to the policy that is there: both must be kept.
   response.headers.push_back({"Content-Security-Policy", "form-action 'self'"});
@@ -66,7 +70,7 @@ Response Console::Act(const Page& page, const Request& request) const {
     return Show(page, 403, "Nothing was changed: the form was out of date. Please try again.");
   }
   try {
-    const std::string id = page.act(cloud_, *form);
+    const std::string id = page.act(ViewOf(page), *form);
     return SeeOther(AddressOf(page) + (id.empty() ? "" : "#" + PercentEncode(id)));
   } catch (const BadInput& error) {
     return Show(page, 400, error.what());

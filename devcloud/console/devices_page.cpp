@@ -21,9 +21,9 @@ Html ScheduleForm(const View& view, const Device& device) {
 }
 
 Html AccountCell(const View& view, const Device& device) {
-  const std::optional<Link> link = view.cloud.store().FindLink(device.serial);
+  const std::optional<Link> link = view.state.store.FindLink(device.serial);
   if (!link) return ToCell("not linked");
-  const std::optional<Account> account = view.cloud.store().FindAccount(link->user_id);
+  const std::optional<Account> account = view.state.store.FindAccount(link->user_id);
   Html html = ToCell(account ? account->email : link->user_id);
   html << " "
        << ButtonForm(view, "Unlink", device.serial,
@@ -40,7 +40,7 @@ Html LastReport(const Device& device) {
 Html Show(const View& view) {
   Table table("All devices", {"Serial number", "MAC address", "Account", "API key", "Last report",
                               "Schedule given in its answer", "Schedule for this device"});
-  for (const Device& device : view.cloud.store().Devices()) {
+  for (const Device& device : view.state.store.Devices()) {
     table.AddRow("device-" + device.serial,
                  {ToCell(device.serial), ToCell(device.mac), AccountCell(view, device),
                   ToCell(ApiKeyState(device)), LastReport(device),
@@ -59,21 +59,21 @@ Device Find(Store& store, const Form& form) {
   return *device;
 }
 
-void SetSchedule(Store& store, const Form& form) {
-  Transaction transaction(store.database());
-  Device device = Find(store, form);
+void SetSchedule(CloudState& state, const Form& form) {
+  Transaction transaction(state.database);
+  Device device = Find(state.store, form);
   const std::string schedule = form.Get("schedule");
   device.report_cron_timestring = schedule.empty() ? std::nullopt : std::optional(schedule);
-  store.PutDevice(device);
+  state.store.PutDevice(device);
   transaction.Commit();
 }
 
-std::string Act(Cloud& cloud, const Form& form) {
+std::string Act(const View& view, const Form& form) {
   const std::string action = form.Get("action");
   if (action == "set_schedule") {
-    SetSchedule(cloud.store(), form);
+    SetSchedule(view.state, form);
   } else if (action == "unlink") {
-    cloud.store().Unlink(Find(cloud.store(), form).serial);
+    view.state.store.Unlink(Find(view.state.store, form).serial);
   } else {
     throw BadInput("This page has no such action.");
   }

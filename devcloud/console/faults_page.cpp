@@ -6,17 +6,7 @@
 namespace devcloud::console {
 namespace {
 
-constexpr std::array kPaths{"/device/api/user/query",
-                            "/device/api/report",
-                            "/device/api/password_login",
-                            "/device/api/logout",
-                            "/cloudservice/api/v1/apikey/register",
-                            "/oauth2/api/v1/device/core/authkey/exchange",
-                            "/migration/api/v1/device/core/authorization_code/grant",
-                            "/oauth2/v1/authorize",
-                            "/oauth2/v1/token",
-                            "/oauth2/v1/end_session",
-                            "*"};
+constexpr const char* kEveryPath = "*";
 
 FaultRule Error() { return {.status = 500, .body = "fault"}; }
 
@@ -38,7 +28,7 @@ constexpr std::array<Kind, 4> kKinds{{
     {"late", "20 s late", Late},
 }};
 
-FaultRule Rule(const char* path, const Kind& kind) {
+FaultRule Rule(const std::string& path, const Kind& kind) {
   FaultRule rule = kind.make();
   rule.path = path;
   return rule;
@@ -49,6 +39,14 @@ bool IsSame(FaultRule a, const FaultRule& b) {
   return ToJson(a) == ToJson(b);
 }
 
+std::vector<std::string> SwitchedPaths(const View& view) {
+  std::vector<std::string> paths = view.paths;
+  paths.emplace_back(kEveryPath);
+  return paths;
+}
+
+std::string PathText(const std::string& path) { return path == kEveryPath ? "every path" : path; }
+
 std::string SwitchId(const std::string& path, const Kind& kind) {
   return kind.name + std::string("-") + path;
 }
@@ -58,9 +56,8 @@ Html Switch(const std::string& path, const Kind& kind, bool on) {
   Html html;
   html << "<button role=\"switch\" id=\"" << id << "\" aria-checked=\""
        << std::string(on ? "true" : "false") << "\" aria-label=\"" << std::string(kind.title)
-       << " for " << std::string(path == "*" ? "every path" : path) << "\" name=\""
-       << std::string(on ? "off" : "on") << "\" value=\"" << id << "\">"
-       << std::string(on ? "On" : "Off") << "</button>";
+       << " for " << PathText(path) << "\" name=\"" << std::string(on ? "off" : "on")
+       << "\" value=\"" << id << "\">" << std::string(on ? "On" : "Off") << "</button>";
   return html;
 }
 
@@ -68,15 +65,15 @@ Html SwitchTable(const View& view, const std::vector<FaultRule>& rules) {
   std::vector<std::string> columns{"Path"};
   for (const Kind& kind : kKinds) columns.emplace_back(kind.title);
   Table table("Switches", columns);
-  for (const char* path : kPaths) {
-    std::vector<Html> cells{ToCell(path == std::string("*") ? "every path" : path)};
+  for (const std::string& path : SwitchedPaths(view)) {
+    std::vector<Html> cells{ToCell(PathText(path))};
     for (const Kind& kind : kKinds) {
       const bool on = std::any_of(rules.begin(), rules.end(), [&](const FaultRule& rule) {
         return IsSame(rule, Rule(path, kind));
       });
       cells.push_back(Switch(path, kind, on));
     }
-    table.AddRow(std::string("path-") + path, cells);
+    table.AddRow("path-" + path, cells);
   }
   Html html = FormStart(view, "switches", {{"action", "switch"}});
   html << table.ToHtml("") << "</form>\n";
@@ -104,7 +101,7 @@ Html RuleTable(const View& view, const std::vector<FaultRule>& rules) {
 }
 
 Html Show(const View& view) {
-  const std::vector<FaultRule> rules = view.cloud.faults().List();
+  const std::vector<FaultRule> rules = view.state.faults.List();
   Html html;
   html << "<p class=\"note\">A lost, halved or late answer is that of a request whose effect has "
           "happened; with status 500 nothing has happened.</p>\n"
@@ -124,26 +121,26 @@ void Set(FaultBook& faults, const FaultRule& rule, bool on) {
   if (on) faults.Add(rule);
 }
 
-std::string Turn(FaultBook& faults, const Form& form) {
+std::string Turn(const View& view, const Form& form) {
   const bool on = form.Find("on") != nullptr;
   std::string wanted = form.Get(on ? "on" : "off");
-  for (const char* path : kPaths) {
+  for (const std::string& path : SwitchedPaths(view)) {
     for (const Kind& kind : kKinds) {
       if (SwitchId(path, kind) != wanted) continue;
-      Set(faults, Rule(path, kind), on);
+      Set(view.state.faults, Rule(path, kind), on);
       return wanted;
     }
   }
   throw BadInput("There is no such switch.");
 }
 
-std::string Act(Cloud& cloud, const Form& form) {
+std::string Act(const View& view, const Form& form) {
   const std::string action = form.Get("action");
-  if (action == "switch") return Turn(cloud.faults(), form);
+  if (action == "switch") return Turn(view, form);
   if (action == "remove") {
-    cloud.faults().Remove(ReadId(form));
+    view.state.faults.Remove(ReadId(form));
   } else if (action == "clear") {
-    cloud.faults().Clear();
+    view.state.faults.Clear();
   } else {
     throw BadInput("This page has no such action.");
   }

@@ -8,16 +8,17 @@
 #include <utility>
 #include <vector>
 
-#include "devcloud/cloud.h"
 #include "devcloud/http/form.h"
 #include "devcloud/http/html.h"
+#include "devcloud/state/cloud_state.h"
 
 namespace devcloud::console {
 
 struct View {
-  Cloud& cloud;
-  std::string address;  // of the page
-  std::string csrf;     // what its forms must bring back
+  CloudState& state;
+  const std::vector<std::string>& paths;  // that the cloud serves
+  std::string address;                    // of the page
+  std::string csrf;                       // what its forms must bring back
 };
 
 struct Page {
@@ -26,7 +27,7 @@ struct Page {
   Html (*show)(const View& view);
   // Does what one of the page's forms asks; gives the id of the element to come back to, or "".
   // Throws BadInput.
-  std::string (*act)(Cloud& cloud, const Form& form);
+  std::string (*act)(const View& view, const Form& form);
 };
 
 extern const Page kAccountsPage;

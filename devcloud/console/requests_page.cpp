@@ -38,7 +38,7 @@ Html RequestTable(const View& view) {
   constexpr std::int64_t kMillisecondsInSecond = 1000;
   Table table("The last " + std::to_string(kShown) + " requests, newest first",
               {"Request", "Time", "Method", "Path", "Answer", "Details"});
-  for (const LogEntry& entry : view.cloud.log().Newest(kShown)) {
+  for (const LogEntry& entry : view.state.log.Newest(kShown)) {
     const std::string id = std::to_string(entry.id);
     table.AddRow("request-" + id,
                  {ToCell(id), ToCell(ToTimeText(entry.time / kMillisecondsInSecond)),
@@ -56,9 +56,9 @@ Html Show(const View& view) {
   return html;
 }
 
-std::string Act(Cloud& cloud, const Form& form) {
+std::string Act(const View& view, const Form& form) {
   if (form.Get("action") != "clear") throw BadInput("This page has no such action.");
-  cloud.log().Clear();
+  view.state.log.Clear();
   return "";
 }
 

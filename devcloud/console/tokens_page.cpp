@@ -36,7 +36,7 @@ Html FamilyTable(const View& view, const std::vector<Family>& families) {
     const std::string id = std::to_string(family.id);
     table.AddRow(
         "family-" + id,
-        {ToCell(id), ToCell(EmailOf(view.cloud.store(), family.grant.user_id)),
+        {ToCell(id), ToCell(EmailOf(view.state.store, family.grant.user_id)),
          ToCell(family.grant.client_id), ToCell(family.grant.scope),
          ToCell(ToTimeText(family.created_at)), ToCell(family.revoked ? "revoked" : "good"),
          Buttons(view, "family", family.id, "sign-in " + id)});
@@ -56,21 +56,21 @@ Html TokenTable(const View& view, const std::vector<Family>& families) {
   for (const Family& family : families) revoked[family.id] = family.revoked;
   Table table("Tokens, newest first",
               {"Token", "Sign-in", "Kind", "Issued", "Expires", "State", "Change"});
-  const std::vector<TokenInfo> tokens = view.cloud.tokens().Tokens();
+  const std::vector<TokenInfo> tokens = view.state.tokens.Tokens();
   for (std::size_t i = tokens.size(); i > 0 && tokens.size() - i < kMostRows; --i) {
     const TokenInfo& token = tokens[i - 1];
     const std::string id = std::to_string(token.id);
     table.AddRow("token-" + id,
                  {ToCell(id), ToCell(std::to_string(token.family_id)), ToCell(ToName(token.kind)),
                   ToCell(ToTimeText(token.issued_at)), ToCell(ToTimeText(token.expires_at)),
-                  ToCell(StateOf(token, revoked[token.family_id], view.cloud.Now())),
+                  ToCell(StateOf(token, revoked[token.family_id], view.state.clock())),
                   Buttons(view, "token", token.id, "token " + id)});
   }
   return table.ToHtml("No token has been issued yet.");
 }
 
 Html Show(const View& view) {
-  const std::vector<Family> families = view.cloud.tokens().Families();
+  const std::vector<Family> families = view.state.tokens.Families();
   Html html;
   html << "<p class=\"note\">All tokens that come from one sign-in are revoked together when a "
           "refresh token is used twice.</p>\n"
@@ -78,12 +78,12 @@ Html Show(const View& view) {
   return html;
 }
 
-std::string Act(Cloud& cloud, const Form& form) {
+std::string Act(const View& view, const Form& form) {
   const std::string action = form.Get("action");
   const std::int64_t id = ReadId(form);
   for (const auto& [name, change] : kChanges) {
     if (action != name) continue;
-    if (!(cloud.tokens().*change)(id)) throw BadInput("There is no such token.");
+    if (!(view.state.tokens.*change)(id)) throw BadInput("There is no such token.");
     return action.substr(action.find('_') + 1) + "-" + std::to_string(id);
   }
   throw BadInput("This page has no such action.");

@@ -80,6 +80,14 @@ std::vector<std::string> Form::GetAll(std::string_view name) const {
   return values;
 }
 
+std::optional<Form> ReadForm(const Request& request) {
+  const std::string type = request.HeaderOr("Content-Type");
+  if (!EqualsIgnoringCase(type.substr(0, type.find(';')), "application/x-www-form-urlencoded")) {
+    return std::nullopt;
+  }
+  return Form::Parse(request.body);
+}
+
 std::string PercentEncode(std::string_view text) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string encoded;

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "devcloud/http/http_message.h"
+
 namespace devcloud {
 
 // The pairs of a form in the order in which they came; a name can come more than once.
@@ -33,6 +35,9 @@ class Form {
  private:
   std::vector<std::pair<std::string, std::string>> pairs_;
 };
+
+// The form of a request, nothing unless it says that it is one and parses.
+[[nodiscard]] std::optional<Form> ReadForm(const Request& request);
 
 // Everything but letters, digits and "-._~" becomes %XX.
 [[nodiscard]] std::string PercentEncode(std::string_view text);

@@ -29,8 +29,9 @@ std::string HeadOf(const Response& response, KeepAlive keep_alive) {
   if (NeedsLength(response)) {
     head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
   }
-  if (keep_alive == KeepAlive::kNo && !Holds(response, "Connection"))
+  if (keep_alive == KeepAlive::kNo && !Holds(response, "Connection")) {
     head += "Connection: close\r\n";
+  }
   return head + "\r\n";
 }
 

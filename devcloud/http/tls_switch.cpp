@@ -101,6 +101,17 @@ TlsSettings MakeTlsSettings(const Authority& authority, const std::vector<std::s
           .highest = choice.highest};
 }
 
+void TlsSwitch::Choose(TlsChoice choice) {
+  const std::lock_guard lock(mutex_);
+  server_.SetTls(MakeTlsSettings(authority_, names_, choice));
+  choice_ = choice;
+}
+
+TlsChoice TlsSwitch::choice() const {
+  const std::lock_guard lock(mutex_);
+  return choice_;
+}
+
 const char* ToName(CertificateKind kind) { return NameOf(kKinds, kind); }
 
 const char* ToName(TlsVersion version) { return NameOf(kVersions, version); }

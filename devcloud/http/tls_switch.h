@@ -1,10 +1,14 @@
-// Which certificate the cloud shows, and which TLS versions it speaks.
+// Which certificate a server shows, and which TLS versions it speaks: good and bad ones to choose
+// from.
 #pragma once
 
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "devcloud/http/certificates.h"
+#include "devcloud/http/https_server.h"
 #include "devcloud/http/tls.h"
 
 namespace devcloud {
@@ -36,6 +40,26 @@ struct TlsChoice {
 // highest one where that is older.
 [[nodiscard]] TlsSettings MakeTlsSettings(const Authority& authority,
                                           const std::vector<std::string>& names, TlsChoice choice);
+
+// The choice that a running server goes by. Safe to use from several threads.
+class TlsSwitch {
+ public:
+  // `authority` and `server` must outlive the object; the server starts with the usual choice.
+  TlsSwitch(const Authority& authority, std::vector<std::string> names, HttpsServer& server)
+      : authority_(authority), names_(std::move(names)), server_(server) {}
+
+  // For connections accepted from now on. Throws std::runtime_error.
+  void Choose(TlsChoice choice);
+  [[nodiscard]] TlsChoice choice() const;
+  [[nodiscard]] const Authority& authority() const { return authority_; }
+
+ private:
+  const Authority& authority_;
+  std::vector<std::string> names_;
+  HttpsServer& server_;
+  mutable std::mutex mutex_;
+  TlsChoice choice_;
+};
 
 // The names in the control interface. The parsing ones throw BadInput.
 [[nodiscard]] const char* ToName(CertificateKind kind);

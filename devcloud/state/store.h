@@ -43,8 +43,6 @@ class Store {
   [[nodiscard]] std::optional<Link> FindLink(const std::string& serial);
   [[nodiscard]] std::optional<Link> FindLinkByAuthKey(const std::string& auth_key);
 
-  [[nodiscard]] Database& database() { return database_; }
-
  private:
   [[nodiscard]] bool RegisterWithDevice(const Device& device, const std::string& user_id);
 

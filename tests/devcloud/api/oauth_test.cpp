@@ -313,7 +313,7 @@ TEST_F(OauthTest, LifetimesAreTheClients) {
 
 TEST_F(OauthTest, SecretsAreStoredAsHashes) {
   const Json::Value tokens = GetTokens();
-  devcloud::Statement select(cloud_.store().database(), "SELECT hash FROM tokens ORDER BY id");
+  devcloud::Statement select(cloud_.state().database, "SELECT hash FROM tokens ORDER BY id");
   std::vector<std::string> hashes;
   while (select.Next()) hashes.push_back(select.Text());
   EXPECT_THAT(hashes,

@@ -1,4 +1,4 @@
-// The few pages that people see in a browser on their way through a sign-in.
+// What a browser is answered with on its way through a sign-in.
 #pragma once
 
 #include <string>
@@ -20,5 +20,9 @@ struct SignInForm {
 };
 
 [[nodiscard]] Response SignInPage(int status, const SignInForm& form);
+
+// Sends the browser to `uri` with these parameters added to its query.
+[[nodiscard]] Response Redirect(const std::string& uri,
+                                const std::vector<std::pair<std::string, std::string>>& parameters);
 
 }  // namespace devcloud

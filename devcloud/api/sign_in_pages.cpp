@@ -1,5 +1,6 @@
-#include "devcloud/api/html_pages.h"
+#include "devcloud/api/sign_in_pages.h"
 
+#include "devcloud/http/form.h"
 #include "devcloud/http/html.h"
 
 namespace devcloud {
@@ -38,6 +39,14 @@ Response SignInPage(int status, const SignInForm& form) {
              "<button class=\"main\" name=\"choice\" value=\"sign_in\">Sign in</button>\n"
              "<button name=\"choice\" value=\"cancel\" formnovalidate>Cancel</button>\n</form>\n";
   return NarrowPage(status, "Sign in to your Veltrix Account", content);
+}
+
+Response Redirect(const std::string& uri,
+                  const std::vector<std::pair<std::string, std::string>>& parameters) {
+  return {.status = 302,
+          .headers = {{"Location", AppendQuery(uri, parameters)},
+                      {"Cache-Control", "no-store"},
+                      {"Referrer-Policy", "no-referrer"}}};
 }
 
 }  // namespace devcloud
