@@ -3,19 +3,16 @@
 #include <regex>
 #include <set>
 
-#include "devcloud/console/masked_fields.h"
+#include "devcloud/console/page.h"
 #include "tests/devcloud/cloud_fixture.h"
 
 namespace devcloud_test {
 namespace {
 
-using devcloud::console::Direction;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
-using testing::Pair;
 using testing::SizeIs;
 
 constexpr std::array kPages{"accounts", "devices", "tokens", "requests", "faults"};
@@ -284,19 +281,6 @@ TEST(ConsoleTextTest, IsCutBetweenCharacters) {
 TEST(ConsoleTextTest, TimesAreUtc) {
   EXPECT_EQ(devcloud::console::ToTimeText(0), "never");
   EXPECT_EQ(devcloud::console::ToTimeText(86400), "1970-01-02 00:00:00 UTC");
-}
-
-TEST(MaskedFieldsTest, OnlyHarmlessOnesAreReadable) {
-  using devcloud::console::MaskedFields;
-  EXPECT_THAT(MaskedFields("code=abc&hs_sn=NL1&unknown=xy", Direction::kRequest),
-              ElementsAre(Pair("code", "… (3 bytes)"), Pair("hs_sn", "NL1"),
-                          Pair("unknown", "… (2 bytes)")));
-  EXPECT_THAT(
-      MaskedFields(R"({"code":"good","data":{"enews":true,"auth_key":"kk"}})", Direction::kAnswer),
-      ElementsAre(Pair("code", "good"), Pair("auth_key", "… (2 bytes)"), Pair("enews", "true")));
-  EXPECT_THAT(MaskedFields("down", Direction::kAnswer),
-              ElementsAre(Pair("", "4 bytes of something else")));
-  EXPECT_THAT(MaskedFields("", Direction::kAnswer), IsEmpty());
 }
 
 }  // namespace

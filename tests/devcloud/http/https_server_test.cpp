@@ -1,8 +1,6 @@
 #include "devcloud/http/https_server.h"
 
 #include <gmock/gmock.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
 
 #include <array>
 #include <atomic>
@@ -10,8 +8,6 @@
 #include <string>
 #include <thread>
 
-#include "base/unique_fd.h"
-#include "devcloud/http/connection.h"
 #include "devcloud/http/listener.h"
 #include "tests/devcloud/http_client.h"
 
@@ -228,17 +224,6 @@ TEST(HttpsServerTest, StopEndsEverythingAtOnce) {
   EXPECT_THAT(slow.get(), StartsWith("HTTP/1.1 200"));
   EXPECT_THAT(endless.get(), StartsWith("HTTP/1.1 200"));
   EXPECT_EQ(silent.get(), "");
-}
-
-TEST(ConnectionTest, APauseEndsWhenThePeerLeaves) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-  base::UniqueFd peer{ends[1]};
-  const base::UniqueFd never_stopping(::eventfd(0, EFD_CLOEXEC));
-  const devcloud::Connection connection(base::UniqueFd{ends[0]}, never_stopping.get(), hours(1));
-  EXPECT_TRUE(connection.Pause(milliseconds(1)));
-  peer = base::UniqueFd();
-  EXPECT_FALSE(connection.Pause(hours(1)));
 }
 
 TEST(HttpsServerTest, HandlerCallsComeOneAtATime) {
