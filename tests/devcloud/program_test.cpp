@@ -18,7 +18,6 @@
 namespace devcloud_test {
 namespace {
 
-using base::UniqueFd;
 using testing::StartsWith;
 
 struct Pipe {
