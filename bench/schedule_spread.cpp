@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "schedule.h"
+#include "hos/linux/schedule.h"
 
 namespace {
 

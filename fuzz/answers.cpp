@@ -1,4 +1,4 @@
-#include "answers.h"
+#include "fuzz/answers.h"
 
 #include <unistd.h>
 
@@ -12,12 +12,12 @@
 #include "core/json.h"
 #include "core/zomi_exception.h"
 #include "deviceapi/zomi_https_req_send.h"
-#include "fake_hos/fake_hos.h"
+#include "fuzz/property.h"
 #include "klibc/string.h"
 #include "lab/files.h"
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
-#include "property.h"
+#include "tests/fake_hos/fake_hos.h"
 
 namespace fuzz {
 namespace {

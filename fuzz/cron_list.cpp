@@ -7,10 +7,10 @@
 #include <memory>
 #include <sstream>
 
+#include "fuzz/property.h"
+#include "hos/linux/schedule.h"
 #include "kivo/crond.h"
 #include "lab/files.h"
-#include "property.h"
-#include "schedule.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Answers to the flows of the device API. Input: the flow ("q" query, "r" report, "l" password
 // login), then up to four answers (answers.h).
 #include "account/account_data.h"
-#include "answers.h"
 #include "core/error_code.h"
 #include "deviceapi/zomi_account_login.h"
 #include "deviceapi/zomi_account_query_info.h"
 #include "deviceapi/zomi_report_info.h"
-#include "property.h"
+#include "fuzz/answers.h"
+#include "fuzz/property.h"
 
 namespace {
 

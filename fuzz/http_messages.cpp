@@ -2,7 +2,7 @@
 // kinds.
 #include "http/messages.h"
 
-#include "property.h"
+#include "fuzz/property.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // JSON texts and their members. Input: the text.
 #include "core/json.h"
 
-#include "property.h"
+#include "fuzz/property.h"
 
 namespace {
 

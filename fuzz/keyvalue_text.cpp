@@ -1,9 +1,9 @@
 // Key-value texts. Input: key, value, text of the file.
-#include "keyvalue_text.h"
+#include "hos/linux/keyvalue_text.h"
 
 #include <algorithm>
 
-#include "property.h"
+#include "fuzz/property.h"
 
 namespace {
 

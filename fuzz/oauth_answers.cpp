@@ -1,9 +1,9 @@
 // Answers to the OAuth flows. Input: the flow ("l" login, "g" grant, "x" exchange, "o" logout, any
 // other: token with rescue), then up to four answers (answers.h).
-#include "answers.h"
-#include "fake_hos/fake_hos.h"
+#include "fuzz/answers.h"
+#include "fuzz/property.h"
 #include "pkce/account_pkce_service.h"
-#include "property.h"
+#include "tests/fake_hos/fake_hos.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Taking a command out of the older schedule. Input: the command, the text of the file.
 #include <algorithm>
 
+#include "fuzz/property.h"
 #include "kivo/crond.h"
 #include "lab/files.h"
-#include "property.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/zomi_exception.h"
-#include "fake_hos/fake_hos.h"
+#include "fuzz/property.h"
 #include "lab/files.h"
-#include "property.h"
+#include "tests/fake_hos/fake_hos.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "property.h"
+#include "fuzz/property.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -2,9 +2,9 @@
 #include "account/account_data.h"
 #include "account/record_keys.h"
 #include "account/user.h"
-#include "fake_hos/fake_hos.h"
+#include "fuzz/property.h"
 #include "lab/files.h"
-#include "property.h"
+#include "tests/fake_hos/fake_hos.h"
 
 namespace {
 

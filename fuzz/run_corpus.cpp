@@ -6,8 +6,8 @@
 #include <iostream>
 #include <vector>
 
+#include "fuzz/property.h"
 #include "lab/files.h"
-#include "property.h"
 
 namespace {
 

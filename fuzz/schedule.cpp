@@ -1,9 +1,9 @@
 // Schedules with drawn values. Input: serial number, name of the job, schedule.
-#include "schedule.h"
+#include "hos/linux/schedule.h"
 
 #include <algorithm>
 
-#include "property.h"
+#include "fuzz/property.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "core/error_code.h"
-#include "property.h"
+#include "fuzz/property.h"
 
 namespace {
 

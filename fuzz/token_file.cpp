@@ -1,8 +1,8 @@
 // The token file. Input: its text. No server answers, so nothing can be renewed.
-#include "answers.h"
 #include "core/json.h"
+#include "fuzz/answers.h"
+#include "fuzz/property.h"
 #include "pkce/pkce_client.h"
-#include "property.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <exception>
 
 #include "base/json_text.h"
-#include "json_line.h"
+#include "hos/linux/json_line.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "child.h"
+#include "hos/linux/child.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "error.h"
+#include "hos/linux/error.h"
 
 namespace hos_linux {
 namespace {

@@ -12,13 +12,13 @@
 #include <string>
 #include <string_view>
 
-#include "atomic_replace.h"
 #include "base/atomic_replace.h"
 #include "base/confined_program.h"
-#include "cloudservice_messages.h"
-#include "device_facts.h"
-#include "error.h"
-#include "file.h"
+#include "hos/linux/cloudservice_messages.h"
+#include "hos/linux/device_facts.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
+#include "hos/linux/locked_folder.h"
 #include "klib/device.h"
 
 namespace hos_linux {

@@ -1,4 +1,4 @@
-#include "cloudservice_messages.h"
+#include "hos/linux/cloudservice_messages.h"
 
 #include <cstdint>
 

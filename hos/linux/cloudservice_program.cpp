@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/confinement.h"
-#include "cloudservice_messages.h"
+#include "hos/linux/cloudservice_messages.h"
 
 namespace hos_linux {
 namespace {

@@ -9,11 +9,11 @@
 #include <string>
 #include <string_view>
 
-#include "atomic_replace.h"
 #include "base/atomic_replace.h"
-#include "device_facts.h"
-#include "error.h"
-#include "schedule.h"
+#include "hos/linux/device_facts.h"
+#include "hos/linux/error.h"
+#include "hos/linux/locked_folder.h"
+#include "hos/linux/schedule.h"
 
 namespace hos_linux {
 namespace {

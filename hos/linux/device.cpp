@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "base/folder.h"
-#include "device_facts.h"
-#include "error.h"
-#include "file.h"
+#include "hos/linux/device_facts.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
 
 namespace hos_linux {
 namespace {

@@ -1,4 +1,4 @@
-#include "error.h"
+#include "hos/linux/error.h"
 
 #include <cerrno>
 #include <cstring>

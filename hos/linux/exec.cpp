@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "child.h"
-#include "error.h"
+#include "hos/linux/child.h"
+#include "hos/linux/error.h"
 
 namespace hos_linux {
 namespace {

@@ -1,4 +1,4 @@
-#include "file.h"
+#include "hos/linux/file.h"
 
 #include <fcntl.h>
 
@@ -8,8 +8,8 @@
 
 #include "base/read_file.h"
 #include "base/unique_fd.h"
-#include "error.h"
-#include "keyvalue_text.h"
+#include "hos/linux/error.h"
+#include "hos/linux/keyvalue_text.h"
 
 namespace hos_linux {
 namespace {

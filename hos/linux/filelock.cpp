@@ -7,7 +7,7 @@
 
 #include "base/atomic_replace.h"
 #include "base/unique_fd.h"
-#include "error.h"
+#include "hos/linux/error.h"
 
 extern "C" {
 

@@ -1,4 +1,4 @@
-#include "json_line.h"
+#include "hos/linux/json_line.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,8 +9,8 @@
 #include "base/atomic_replace.h"
 #include "base/json_text.h"
 #include "base/unique_fd.h"
-#include "error.h"
-#include "file.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
 
 namespace hos_linux {
 namespace {

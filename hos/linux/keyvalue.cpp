@@ -4,11 +4,11 @@
 #include <string>
 #include <string_view>
 
-#include "atomic_replace.h"
 #include "base/atomic_replace.h"
-#include "error.h"
-#include "file.h"
-#include "keyvalue_text.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
+#include "hos/linux/keyvalue_text.h"
+#include "hos/linux/locked_folder.h"
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
 

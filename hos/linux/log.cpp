@@ -6,8 +6,8 @@
 #include <array>
 #include <cstdio>
 
-#include "error.h"
-#include "json_line.h"
+#include "hos/linux/error.h"
+#include "hos/linux/json_line.h"
 
 namespace hos_linux {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <sodium.h>
 
-#include "error.h"
+#include "hos/linux/error.h"
 
 namespace hos_linux {
 namespace {

@@ -14,9 +14,9 @@
 
 #include "base/folder.h"
 #include "base/unique_fd.h"
-#include "child.h"
-#include "error.h"
-#include "file.h"
+#include "hos/linux/child.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
 
 struct KLIBPLUGIN {
   std::string action;

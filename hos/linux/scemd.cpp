@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "error.h"
-#include "file.h"
-#include "keyvalue_text.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
+#include "hos/linux/keyvalue_text.h"
 
 namespace hos_linux {
 namespace {

@@ -1,4 +1,4 @@
-#include "schedule.h"
+#include "hos/linux/schedule.h"
 
 #include <sodium.h>
 

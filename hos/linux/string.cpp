@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "error.h"
+#include "hos/linux/error.h"
 
 namespace hos_linux {
 namespace {

@@ -4,9 +4,9 @@
 #include <syslog.h>
 
 #include "base/json_text.h"
-#include "error.h"
-#include "json_line.h"
-#include "szhash.h"
+#include "hos/linux/error.h"
+#include "hos/linux/json_line.h"
+#include "hos/linux/szhash.h"
 
 namespace hos_linux {
 namespace {

@@ -1,8 +1,8 @@
-#include "szhash.h"
+#include "hos/linux/szhash.h"
 
 #include <algorithm>
 
-#include "error.h"
+#include "hos/linux/error.h"
 #include "klibc/szlist.h"
 
 namespace hos_linux {

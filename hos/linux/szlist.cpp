@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "error.h"
+#include "hos/linux/error.h"
 
 struct KLIBCSZLIST {
   std::vector<std::string> texts;

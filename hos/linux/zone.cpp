@@ -8,8 +8,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "error.h"
-#include "file.h"
+#include "hos/linux/error.h"
+#include "hos/linux/file.h"
 #include "klibc/szhash.h"
 
 namespace hos_linux {

@@ -4,8 +4,8 @@
 #include <limits>
 #include <string>
 
-#include "account/record_test.h"
-#include "support/child.h"
+#include "tests/account/record_fixture.h"
+#include "tests/support/child.h"
 
 namespace nodelink {
 namespace {

@@ -10,9 +10,9 @@
 #include <optional>
 
 #include "account/login_lock.h"
-#include "account/record_test.h"
 #include "base/unique_fd.h"
-#include "support/child.h"
+#include "tests/account/record_fixture.h"
+#include "tests/support/child.h"
 
 namespace nodelink {
 namespace {

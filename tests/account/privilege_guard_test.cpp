@@ -13,12 +13,12 @@
 
 #include "account/account_data.h"
 #include "account/record_change.h"
-#include "account/record_test.h"
 #include "account/server_info.h"
 #include "account/user.h"
 #include "account/zomi_config_get.h"
 #include "account/zomi_config_remove.h"
-#include "support/child.h"
+#include "tests/account/record_fixture.h"
+#include "tests/support/child.h"
 
 namespace nodelink {
 namespace {

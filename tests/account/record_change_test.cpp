@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "account/record_test.h"
+#include "tests/account/record_fixture.h"
 
 namespace nodelink {
 namespace {

@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "account/record_test.h"
-#include "account/server_info_test.h"
+#include "tests/account/record_fixture.h"
+#include "tests/account/server_info_fixture.h"
 
 namespace nodelink {
 namespace {

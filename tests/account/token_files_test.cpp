@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "account/record_test.h"
+#include "tests/account/record_fixture.h"
 
 namespace nodelink {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "account/record_test.h"
+#include "tests/account/record_fixture.h"
 
 namespace nodelink {
 namespace {

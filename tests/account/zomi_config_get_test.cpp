@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "account/record_test.h"
+#include "tests/account/record_fixture.h"
 
 namespace nodelink {
 namespace {

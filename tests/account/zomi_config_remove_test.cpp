@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "account/record_test.h"
+#include "tests/account/record_fixture.h"
 
 namespace nodelink {
 namespace {

@@ -14,7 +14,7 @@
 
 #include "base/confinement.h"
 #include "lab/files.h"
-#include "support/child.h"
+#include "tests/support/child.h"
 
 namespace {
 

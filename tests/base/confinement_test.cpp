@@ -27,7 +27,7 @@
 #include "base/confined_program.h"
 #include "base/unique_fd.h"
 #include "lab/files.h"
-#include "support/child.h"
+#include "tests/support/child.h"
 
 namespace {
 

@@ -13,12 +13,12 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "cli/usage.h"
 #include "core/error_code.h"
 #include "core/zomi_exception.h"
 #include "pkce/pkce_config.h"
-#include "support/platform_test.h"
-#include "support/test_name.h"
+#include "tests/cli/usage.h"
+#include "tests/support/platform_fixture.h"
+#include "tests/support/test_name.h"
 
 namespace nodelink {
 namespace {

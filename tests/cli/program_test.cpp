@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "cli/usage.h"
 #include "lab/process.h"
-#include "support/child.h"
-#include "support/platform_test.h"
+#include "tests/cli/usage.h"
+#include "tests/support/child.h"
+#include "tests/support/platform_fixture.h"
 
 namespace {
 

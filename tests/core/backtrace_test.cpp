@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

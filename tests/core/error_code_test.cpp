@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "support/platform_test.h"
-#include "support/test_name.h"
+#include "tests/support/platform_fixture.h"
+#include "tests/support/test_name.h"
 
 namespace nodelink {
 namespace {

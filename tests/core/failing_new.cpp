@@ -1,4 +1,4 @@
-#include "core/failing_new.h"
+#include "tests/core/failing_new.h"
 
 #include <cstddef>
 #include <cstdlib>

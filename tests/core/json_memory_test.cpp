@@ -5,7 +5,7 @@
 #include <string>
 
 #include "base/json_text.h"
-#include "core/failing_new.h"
+#include "tests/core/failing_new.h"
 
 namespace nodelink {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "core/zomi_exception.h"
-#include "support/platform_test.h"
-#include "support/test_name.h"
+#include "tests/support/platform_fixture.h"
+#include "tests/support/test_name.h"
 
 namespace nodelink {
 namespace {

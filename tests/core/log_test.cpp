@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

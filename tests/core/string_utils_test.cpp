@@ -3,7 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "core/error_code.h"
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

@@ -1,4 +1,4 @@
-#include "deviceapi/account_server.h"
+#include "tests/deviceapi/account_server.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -10,7 +10,7 @@
 #include "devcloud/http/certificates.h"
 #include "devcloud/http/https_server.h"
 #include "devcloud/http/tls_switch.h"
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 class AccountServer {
  public:

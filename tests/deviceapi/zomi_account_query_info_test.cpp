@@ -23,10 +23,10 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "devcloud/api/device_token.h"
-#include "deviceapi/account_server.h"
-#include "deviceapi/row_text.h"
-#include "deviceapi/server_config_hook.h"
-#include "support/child.h"
+#include "tests/deviceapi/account_server.h"
+#include "tests/deviceapi/row_text.h"
+#include "tests/support/child.h"
+#include "tests/support/session_fixture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 
 #include "core/error_code.h"
-#include "deviceapi/account_server.h"
+#include "tests/deviceapi/account_server.h"
 
 namespace {
 

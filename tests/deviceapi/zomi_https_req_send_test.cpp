@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "core/error_code.h"
-#include "deviceapi/row_text.h"
-#include "deviceapi/sender_test.h"
+#include "tests/deviceapi/row_text.h"
+#include "tests/deviceapi/sender_fixture.h"
 
 namespace {
 

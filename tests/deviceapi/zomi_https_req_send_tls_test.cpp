@@ -1,8 +1,8 @@
 // Which servers the sender talks to.
 #include <string>
 
-#include "deviceapi/row_text.h"
-#include "deviceapi/sender_test.h"
+#include "tests/deviceapi/row_text.h"
+#include "tests/deviceapi/sender_fixture.h"
 
 namespace {
 

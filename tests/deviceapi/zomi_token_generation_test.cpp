@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "core/error_code.h"
-#include "deviceapi/row_text.h"
-#include "support/platform_test.h"
+#include "tests/deviceapi/row_text.h"
+#include "tests/support/platform_fixture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

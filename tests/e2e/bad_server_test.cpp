@@ -1,6 +1,6 @@
 // Servers that are not who they say, or would have a secret sent elsewhere: nothing is sent to them
 // beyond the handshake, by no flow, and the device stays as it was.
-#include "e2e/https_flow.h"
+#include "tests/e2e/https_flow.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The system's own cron starts the report from the file that --update wrote.
 #include <chrono>
 
-#include "e2e/device_test.h"
 #include "lab/users.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

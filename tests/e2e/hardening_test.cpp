@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "e2e/device_test.h"
 #include "lab/users.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

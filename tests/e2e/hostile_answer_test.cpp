@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "e2e/https_flow.h"
+#include "tests/e2e/https_flow.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

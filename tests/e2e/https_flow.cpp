@@ -1,4 +1,4 @@
-#include "e2e/https_flow.h"
+#include "tests/e2e/https_flow.h"
 
 #include <unistd.h>
 

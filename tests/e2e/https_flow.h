@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 // The transport that a flow's request goes through.
 enum class Transport { kDeviceApi, kOauth, kPlatform };

@@ -14,8 +14,8 @@
 #include <sstream>
 #include <utility>
 
-#include "e2e/device_test.h"
 #include "lab/browser.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Which libraries are loaded: what sends nothing does not pay for the HTTP stack.
 #include <regex>
 
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

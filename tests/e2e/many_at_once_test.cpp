@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "base/unique_fd.h"
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "base/unique_fd.h"
-#include "e2e/device_test.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

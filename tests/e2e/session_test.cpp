@@ -9,8 +9,8 @@
 #include <memory>
 
 #include "base/unique_fd.h"
-#include "e2e/device_test.h"
 #include "lab/browser.h"
+#include "tests/e2e/device_fixture.h"
 
 namespace {
 

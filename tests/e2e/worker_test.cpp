@@ -7,8 +7,8 @@
 #include <regex>
 #include <set>
 
-#include "e2e/https_flow.h"
 #include "lab/users.h"
+#include "tests/e2e/https_flow.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fake_hos/internal.h"
 #include "klibc/string.h"
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
+#include "tests/fake_hos/internal.h"
 
 namespace fake_hos {
 namespace {

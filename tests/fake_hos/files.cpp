@@ -8,10 +8,10 @@
 #include <iterator>
 #include <optional>
 
-#include "fake_hos/internal.h"
-#include "keyvalue_text.h"
+#include "hos/linux/keyvalue_text.h"
 #include "klibc/filelock.h"
 #include "klibc/keyvalue.h"
+#include "tests/fake_hos/internal.h"
 
 namespace fake_hos {
 namespace {

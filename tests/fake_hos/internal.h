@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "fake_hos/fake_hos.h"
+#include "tests/fake_hos/fake_hos.h"
 
 // Deques: a text handed out stays where it is when more are added.
 struct KLIBCSZLIST {

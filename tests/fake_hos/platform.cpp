@@ -2,8 +2,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "fake_hos/internal.h"
 #include "klibc/error.h"
+#include "tests/fake_hos/internal.h"
 
 namespace fake_hos {
 namespace {

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <sstream>
 
-#include "fake_hos/internal.h"
 #include "kivo/cloudservice.h"
 #include "kivo/crond.h"
 #include "kivo/log.h"
@@ -15,6 +14,7 @@
 #include "klib/device.h"
 #include "klib/plugin.h"
 #include "klibc/exec.h"
+#include "tests/fake_hos/internal.h"
 
 struct KLIBPLUGIN {
   std::string plugin;

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "hos/linux/schedule.h"
 #include "klibc/error.h"
 #include "klibc/exec.h"
 #include "lab/files.h"
 #include "lab/users.h"
-#include "schedule.h"
 
 namespace {
 

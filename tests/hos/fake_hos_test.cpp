@@ -1,4 +1,4 @@
-#include "fake_hos/fake_hos.h"
+#include "tests/fake_hos/fake_hos.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "json_line.h"
+#include "hos/linux/json_line.h"
 
 #include <gtest/gtest.h>
 #include <json/reader.h>

@@ -1,4 +1,4 @@
-#include "keyvalue_text.h"
+#include "hos/linux/keyvalue_text.h"
 
 #include <gtest/gtest.h>
 

@@ -30,11 +30,11 @@
 #include "klibc/szhash.h"
 #include "klibc/szlist.h"
 #include "lab/files.h"
-#include "platform_under_test.h"
+#include "tests/hos/platform_facts.h"
 
 namespace {
 
-namespace facts = platform_under_test;
+namespace facts = platform_facts;
 
 constexpr const char* kLineFormat = "%s=\"%s\"\n";
 constexpr const char* kFile = "/tmp/contract/record.conf";

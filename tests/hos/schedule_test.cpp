@@ -1,4 +1,4 @@
-#include "schedule.h"
+#include "hos/linux/schedule.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -8,7 +8,7 @@
 
 #include "base/message.h"
 #include "http/messages.h"
-#include "support/platform_test.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink::http {
 namespace {

@@ -1,4 +1,4 @@
-#include "interop/account_server.h"
+#include "tests/interop/account_server.h"
 
 #include "core/json.h"
 #include "devcloud/state/account_json.h"

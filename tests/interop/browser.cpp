@@ -1,4 +1,4 @@
-#include "interop/browser.h"
+#include "tests/interop/browser.h"
 
 #include <regex>
 #include <stdexcept>

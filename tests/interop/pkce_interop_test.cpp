@@ -16,14 +16,14 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/zomi_exception.h"
-#include "interop/account_server.h"
-#include "interop/browser.h"
-#include "interop/provider.h"
 #include "lab/files.h"
 #include "lab/process.h"
 #include "lab/syslog_sink.h"
 #include "pkce/pkce_client.h"
 #include "pkce/pkce_config.h"
+#include "tests/interop/account_server.h"
+#include "tests/interop/browser.h"
+#include "tests/interop/provider.h"
 #include "tools/sign_in.h"
 
 namespace interop {

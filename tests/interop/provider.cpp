@@ -1,4 +1,4 @@
-#include "interop/provider.h"
+#include "tests/interop/provider.h"
 
 #include <fstream>
 #include <iterator>

@@ -17,9 +17,9 @@
 
 #include "base/unique_fd.h"
 #include "lab/process.h"
-#include "support/child.h"
-#include "support/fail_each_call.h"
-#include "support/platform_test.h"
+#include "tests/support/child.h"
+#include "tests/support/fail_each_call.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

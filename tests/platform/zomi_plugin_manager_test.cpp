@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "support/fail_each_call.h"
-#include "support/platform_test.h"
+#include "tests/support/fail_each_call.h"
+#include "tests/support/platform_fixture.h"
 
 namespace nodelink {
 namespace {

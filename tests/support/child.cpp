@@ -1,4 +1,4 @@
-#include "support/child.h"
+#include "tests/support/child.h"
 
 #include <sched.h>
 #include <sys/wait.h>
@@ -15,7 +15,7 @@
 
 #include "base/atomic_replace.h"
 #include "base/unique_fd.h"
-#include "support/interpose.h"
+#include "tests/support/interpose.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "fake_hos/fake_hos.h"
+#include "tests/fake_hos/fake_hos.h"
 
 // Runs `flow` once for each platform call that it makes, with the first call failing, then the
 // second, and so on. Before each run the platform is reset and `prepare` runs; after it `check`

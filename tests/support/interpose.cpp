@@ -1,4 +1,4 @@
-#include "support/interpose.h"
+#include "tests/support/interpose.h"
 
 #include <fcntl.h>
 
