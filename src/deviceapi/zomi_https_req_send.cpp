@@ -12,9 +12,9 @@
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/platform_owner.h"
-#include "deviceapi/zomi_agent_name_get.h"
 #include "deviceapi/zomi_token_generation.h"
 #include "klibc/string.h"
+#include "platform/zomi_agent_name_get.h"
 
 namespace nodelink {
 namespace {

@@ -6,10 +6,10 @@
 #include "core/log.h"
 #include "core/platform_owner.h"
 #include "core/zomi_exception.h"
-#include "deviceapi/zomi_agent_name_get.h"
 #include "kivo/cloudservice.h"
 #include "kivo/sysnotify.h"
 #include "klib/device.h"
+#include "platform/zomi_agent_name_get.h"
 
 namespace nodelink {
 namespace {

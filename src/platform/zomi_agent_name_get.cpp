@@ -1,4 +1,4 @@
-#include "deviceapi/zomi_agent_name_get.h"
+#include "platform/zomi_agent_name_get.h"
 
 #include "core/error_code.h"
 #include "core/log.h"

@@ -1,10 +1,10 @@
-#include "deviceapi/zomi_agent_name_get.h"
+#include "platform/zomi_agent_name_get.h"
 
 #include <array>
 #include <cstddef>
 
 #include "core/error_code.h"
-#include "tests/deviceapi/account_server.h"
+#include "tests/support/platform_fixture.h"
 
 namespace {
 
@@ -13,6 +13,8 @@ using nodelink::LastErrorCode;
 using nodelink::SetLastErrorCode;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+constexpr std::uint32_t kUntouchedCode = 77;
 
 class UserAgentTest : public PlatformTest {
  protected:
