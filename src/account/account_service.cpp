@@ -4,7 +4,8 @@
 
 #include "account/login_lock.h"
 #include "account/record_keys.h"
-#include "account/update_report_job.h"
+#include "account/report_schedule.h"
+#include "account/user.h"
 #include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/log.h"
@@ -64,6 +65,11 @@ Json::Value AccountService::query() {
 }
 
 void AccountService::updateCrondJob() { UpdateReportJob(LinkLock()); }
+
+bool SaveReportJob() {
+  ReportJob job;
+  return job.Save(User().Get(record::kReportCronTimestring));
+}
 
 void UpdateReportJob(const LinkLock& /*lock*/) {
   RemoveOldReportSchedule();

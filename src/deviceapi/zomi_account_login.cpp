@@ -6,6 +6,7 @@
 #include "account/account_link.h"
 #include "account/link_lock.h"
 #include "account/record_change.h"
+#include "account/report_schedule.h"
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/log.h"

@@ -4,8 +4,8 @@
 
 #include "account/account_data.h"
 #include "account/link_lock.h"
+#include "account/report_schedule.h"
 #include "account/server_info.h"
-#include "account/update_report_job.h"
 #include "account/user.h"
 #include "core/error_code.h"
 #include "core/json.h"

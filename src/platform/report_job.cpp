@@ -2,8 +2,6 @@
 
 #include <json/value.h>
 
-#include "account/user.h"
-#include "kivo/crond.h"
 #include "klibc/keyvalue.h"
 
 namespace nodelink {
@@ -13,29 +11,28 @@ constexpr char kJobListName[] = "zomi";
 constexpr char kProgram[] = "/usr/kivo/bin/nodelink";
 constexpr char kOption[] = "--report_info";
 
-KIVO::KIVOCrond::ConfigManager JobList() { return {kJobListName, false}; }
-
 }  // namespace
 
-bool IsReportDisabled() {
-  return KLIBCFileCheckKeyValue("/etc/kivoinfo.conf", "zomi_disable_report", "yes", 0) == 1;
-}
+ReportJob::ReportJob() : list_(kJobListName, false) {}
 
-bool SaveReportJob() {
+bool ReportJob::Save(const std::string& schedule) {
   Json::Value jobs(Json::arrayValue);
   Json::Value job(Json::objectValue);
-  KIVO::KIVOCrond::ConfigManager list = JobList();
   job["name"] = "job";
   job["period"] = "crontab";
-  job["crontab"] = User().Get(record::kReportCronTimestring);
+  job["crontab"] = schedule;
   job["user"] = "root";
   job["cmd_list"].append(kProgram);
   job["cmd_list"].append(kOption);
   jobs.append(job);
-  return list.Save(jobs);
+  return list_.Save(jobs);
 }
 
-bool RemoveReportJob() { return JobList().Remove(); }
+bool RemoveReportJob() { return KIVO::KIVOCrond::ConfigManager(kJobListName, false).Remove(); }
+
+bool IsReportDisabled() {
+  return KLIBCFileCheckKeyValue("/etc/kivoinfo.conf", "zomi_disable_report", "yes", 0) == 1;
+}
 
 void RemoveOldReportSchedule() {
   const std::string command = std::string(kProgram) + " " + kOption;

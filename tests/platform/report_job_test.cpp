@@ -2,16 +2,13 @@
 
 #include <string>
 
-#include "core/error_code.h"
 #include "core/json.h"
-#include "tests/support/child.h"
 #include "tests/support/session_fixture.h"
 
 namespace nodelink {
 namespace {
 
 using fake_hos::Call;
-using session::Catch;
 using session::NamedText;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -27,9 +24,8 @@ class ReportJobTest : public SessionTest {
   }
 };
 
-TEST_F(ReportJobTest, IsOneJobWithTheRecordsSchedule) {
-  WriteRecord("report_cron_timestring=\"5 4~6 * * mon~fri\"\n");
-  EXPECT_TRUE(SaveReportJob());
+TEST_F(ReportJobTest, IsOneJobWithTheSchedule) {
+  EXPECT_TRUE(ReportJob().Save("5 4~6 * * mon~fri"));
   EXPECT_EQ(SavedJobs(), JobsWith("5 4~6 * * mon~fri"));
   EXPECT_THAT(platform().calls("ConfigManager::ConfigManager"),
               ElementsAre(Call{"ConfigManager::ConfigManager", {"zomi", "false"}}));
@@ -38,22 +34,16 @@ TEST_F(ReportJobTest, IsOneJobWithTheRecordsSchedule) {
   EXPECT_THAT(Log(), IsEmpty());
 }
 
-TEST_F(ReportJobTest, WithoutARecordTheScheduleIsTheDefault) {
-  EXPECT_TRUE(SaveReportJob());
-  EXPECT_EQ(SavedJobs(), JobsWith("~ 9~16 * * 1~5"));
-}
-
 TEST_F(ReportJobTest, AJobThatCannotBeSavedIsFalse) {
   platform().FailNext("ConfigManager::Save");
-  EXPECT_FALSE(SaveReportJob());
+  EXPECT_FALSE(ReportJob().Save("1 2 * * *"));
 }
 
 class HostileJobScheduleTest : public ReportJobTest,
                                public testing::WithParamInterface<NamedText> {};
 
 TEST_P(HostileJobScheduleTest, IsForTheCronLibraryToRefuse) {
-  WriteRecord("report_cron_timestring=\"" + GetParam().text + "\"\n");
-  EXPECT_FALSE(SaveReportJob());
+  EXPECT_FALSE(ReportJob().Save(GetParam().text));
   EXPECT_EQ(platform().call_count("ConfigManager::Save"), 1U);
   EXPECT_EQ(SavedJobs(), "null");
 }
@@ -67,17 +57,6 @@ INSTANTIATE_TEST_SUITE_P(All, HostileJobScheduleTest,
                              {"Huge", std::string(10'000, '1')},
                          }),
                          session::NameOf);
-
-TEST_F(ReportJobTest, ARecordThatCannotBeReadThrows) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user to become";
-  }
-  EXPECT_EQ(RunInChild([] {
-              BecomeIds({1026, 1026, 1026, 100, 100, 100});
-              return std::to_string(Catch([] { (void)SaveReportJob(); }).code);
-            }),
-            "6");
-}
 
 TEST_F(ReportJobTest, RemovingIsTheCronLibrarys) {
   platform().crond_lists["zomi"] = 1;
