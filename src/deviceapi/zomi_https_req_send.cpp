@@ -89,11 +89,20 @@ class Transfer {
   bool SetHeaders();
   bool SetTls();
   bool SetTimeLimits();
+  bool SetTimeLimit(CURLoption option);
   bool SetReceiver();
   bool Perform();
   bool ReadStatus(DeviceApiResponse& response);
   bool TakeAnswer(DeviceApiResponse& response);
   bool IsQuick() const { return request_.quick != 0; }
+
+  // False when libcurl refuses the option: `result_` and Reason() say why.
+  template <typename Value>
+  bool Set(CURLoption option, Value value) {
+    result_ = curl_easy_setopt(curl_.get(), option, value);
+    return result_ == CURLE_OK;
+  }
+  const char* Reason() const { return curl_easy_strerror(result_); }
 
   const DeviceApiRequest& request_;
   CurlHandle curl_;
@@ -216,46 +225,34 @@ bool Transfer::SetForm() {
   if (request_.use_get == 1 || *params_ == '\0') {
     return true;
   }
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_POST, 1L);
-  if (result_ == CURLE_OK) {
-    result_ = curl_easy_setopt(curl_.get(), CURLOPT_POSTFIELDS, params_.get());
-  }
-  if (result_ != CURLE_OK) {
+  if (!Set(CURLOPT_POST, 1L) || !Set(CURLOPT_POSTFIELDS, params_.get())) {
     LogError(Here(), "%s, Failed to set POST parameters, code=%d, err=%s", url_.data(), result_,
-             curl_easy_strerror(result_));
+             Reason());
+    return false;
   }
-  return result_ == CURLE_OK;
+  return true;
 }
 
 // Redirects go to https only, so that the parameters never travel in the clear.
 bool Transfer::SetUrl() {
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_URL, url_.data());
-  if (result_ == CURLE_OK) {
-    result_ = curl_easy_setopt(curl_.get(), CURLOPT_FOLLOWLOCATION, 1L);
+  if (!Set(CURLOPT_URL, url_.data()) || !Set(CURLOPT_FOLLOWLOCATION, 1L) ||
+      !Set(CURLOPT_REDIR_PROTOCOLS_STR, "https") || !Set(CURLOPT_MAXREDIRS, kMaxRedirects)) {
+    LogError(Here(), "Failed to set url to %s, code=%d, err=%s", url_.data(), result_, Reason());
+    return false;
   }
-  if (result_ == CURLE_OK) {
-    result_ = curl_easy_setopt(curl_.get(), CURLOPT_REDIR_PROTOCOLS_STR, "https");
-  }
-  if (result_ == CURLE_OK) {
-    result_ = curl_easy_setopt(curl_.get(), CURLOPT_MAXREDIRS, kMaxRedirects);
-  }
-  if (result_ != CURLE_OK) {
-    LogError(Here(), "Failed to set url to %s, code=%d, err=%s", url_.data(), result_,
-             curl_easy_strerror(result_));
-  }
-  return result_ == CURLE_OK;
+  return true;
 }
 
 // Without a user agent of the device the buffer still holds the serial number, which serves as
 // well.
 bool Transfer::SetUserAgent() {
   DeviceApiUserAgentGet(serial_.data(), static_cast<int>(serial_.size()));
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_USERAGENT, serial_.data());
-  if (result_ != CURLE_OK) {
+  if (!Set(CURLOPT_USERAGENT, serial_.data())) {
     LogError(Here(), "failed to set agent=%s, return value=%d, err=%s", serial_.data(), result_,
-             curl_easy_strerror(result_));
+             Reason());
+    return false;
   }
-  return result_ == CURLE_OK;
+  return true;
 }
 
 // The list is made before the Host line is formatted, on purpose: its one entry is empty, so
@@ -264,63 +261,53 @@ bool Transfer::SetHeaders() {
   std::memset(serial_.data(), 0, kHostLineSize);
   headers_.reset(curl_slist_append(nullptr, serial_.data()));
   std::snprintf(serial_.data(), kHostLineSize, "Host: %s", request_.host);
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_HTTPHEADER, headers_.get());
-  if (result_ != CURLE_OK) {
+  if (!Set(CURLOPT_HTTPHEADER, headers_.get())) {
     LogError(Here(), "failed to set req=%s, header=%s, return value=%d, err=%s", request_.host,
-             serial_.data(), result_, curl_easy_strerror(result_));
+             serial_.data(), result_, Reason());
+    return false;
   }
-  return result_ == CURLE_OK;
+  return true;
 }
 
 bool Transfer::SetTls() {
-  const auto check = [this](CURLcode result) {
-    result_ = result;
-    if (result != CURLE_OK) {
-      LogError(Here(), "Failed to set curl opt error:(%d)%s", result, curl_easy_strerror(result));
-    }
-    return result == CURLE_OK;
-  };
-  return check(curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L)) &&
-         check(curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYHOST, 2L)) &&
-         check(curl_easy_setopt(curl_.get(), CURLOPT_CAINFO, kCaBundle)) &&
-         check(curl_easy_setopt(curl_.get(), CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1));
+  if (!Set(CURLOPT_SSL_VERIFYPEER, 1L) || !Set(CURLOPT_SSL_VERIFYHOST, 2L) ||
+      !Set(CURLOPT_CAINFO, kCaBundle) || !Set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1})) {
+    LogError(Here(), "Failed to set curl opt error:(%d)%s", result_, Reason());
+    return false;
+  }
+  return true;
 }
 
 // Only the limit of the whole transfer must hold; the others are refinements.
 bool Transfer::SetTimeLimits() {
+  if (!Set(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit) ||
+      !Set(CURLOPT_LOW_SPEED_TIME, kLowSpeedTime)) {
+    LogError(Here(), "Failed to set time-out, return value=%d, err=%s", result_, Reason());
+  }
+  (void)SetTimeLimit(CURLOPT_CONNECTTIMEOUT);
+  return SetTimeLimit(CURLOPT_TIMEOUT);
+}
+
+bool Transfer::SetTimeLimit(CURLoption option) {
   const long seconds = IsQuick() ? 15 : 120;
-  CURLcode result = curl_easy_setopt(curl_.get(), CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
-  if (result == CURLE_OK) {
-    result = curl_easy_setopt(curl_.get(), CURLOPT_LOW_SPEED_TIME, kLowSpeedTime);
+  if (!Set(option, seconds)) {
+    LogError(Here(), "failed to set time-out, return value=%d, err=%s", result_, Reason());
+    return false;
   }
-  if (result != CURLE_OK) {
-    LogError(Here(), "Failed to set time-out, return value=%d, err=%s", result,
-             curl_easy_strerror(result));
-  }
-  for (const CURLoption option : {CURLOPT_CONNECTTIMEOUT, CURLOPT_TIMEOUT}) {
-    result_ = curl_easy_setopt(curl_.get(), option, seconds);
-    if (result_ != CURLE_OK) {
-      LogError(Here(), "failed to set time-out, return value=%d, err=%s", result_,
-               curl_easy_strerror(result_));
-    }
-  }
-  return result_ == CURLE_OK;
+  return true;
 }
 
 bool Transfer::SetReceiver() {
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
-  if (result_ != CURLE_OK) {
+  if (!Set(CURLOPT_WRITEFUNCTION, WriteMemoryCallback)) {
     LogError(Here(), "failed to write function WriteMemoryCallback, return value=%d, err=%s",
-             result_, curl_easy_strerror(result_));
+             result_, Reason());
     return false;
   }
-  result_ = curl_easy_setopt(curl_.get(), CURLOPT_WRITEDATA, &received_);
-  if (result_ != CURLE_OK) {
-    LogError(Here(), "failed to write data, return value=%d, err=%s", result_,
-             curl_easy_strerror(result_));
+  if (!Set(CURLOPT_WRITEDATA, &received_)) {
+    LogError(Here(), "failed to write data, return value=%d, err=%s", result_, Reason());
     return false;
   }
-  (void)curl_easy_setopt(curl_.get(), CURLOPT_IPRESOLVE, CURL_IPRESOLVE_WHATEVER);
+  (void)Set(CURLOPT_IPRESOLVE, long{CURL_IPRESOLVE_WHATEVER});
   return true;
 }
 
@@ -336,11 +323,11 @@ bool Transfer::Perform() {
     }
     if (!IsRetryable(result_)) {
       LogError(Here(), "%s, Failed to curl perform, code=%d, err=%s", url_.data(), result_,
-               curl_easy_strerror(result_));
+               Reason());
       return false;
     }
     if (attempt == attempts - 1) {
-      (void)curl_easy_setopt(curl_.get(), CURLOPT_IPRESOLVE, CURL_IPRESOLVE_V4);
+      (void)Set(CURLOPT_IPRESOLVE, long{CURL_IPRESOLVE_V4});
     }
     sleep(1);
   }
