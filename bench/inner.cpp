@@ -10,6 +10,7 @@
 #include <string>
 
 #include "account/account_data.h"
+#include "account/account_files.h"
 #include "account/record_change.h"
 #include "account/user.h"
 #include "base/atomic_replace.h"
@@ -33,7 +34,7 @@ constexpr char kOwnKeys[] =
 
 // A record whose own keys stand behind so many of others.
 void MakeRecord(std::int64_t foreign_keys) {
-  std::ofstream file(record::kPath, std::ios::trunc);
+  std::ofstream file(account_files::kRecord, std::ios::trunc);
   for (std::int64_t i = 0; i < foreign_keys; ++i) {
     file << "foreign_key_" << i << "=\"a value of the usual length\"\n";
   }
@@ -60,8 +61,8 @@ void ReadMissingKey(benchmark::State& state) {
   MakeRecord(state.range(0));
   std::array<char, 2048> value{};
   while (state.KeepRunning()) {
-    benchmark::DoNotOptimize(KLIBCFileGetKeyValue(record::kPath, "no_such_key", value.data(),
-                                                  static_cast<int>(value.size()), 0));
+    benchmark::DoNotOptimize(KLIBCFileGetKeyValue(account_files::kRecord, "no_such_key",
+                                                  value.data(), static_cast<int>(value.size()), 0));
   }
 }
 
@@ -116,7 +117,7 @@ BENCHMARK(WriteBack)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // Fourteen of them, beside the record, of the record's size.
 void ReplaceSmallFile(benchmark::State& state) {
-  const std::string path = std::string(record::kPath) + ".small";
+  const std::string path = std::string(account_files::kRecord) + ".small";
   while (state.KeepRunning()) {
     for (int i = 0; i < 14; ++i) {
       benchmark::DoNotOptimize(base::AtomicReplace(path, kOwnKeys, 0600));

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/zomi_exception.h"
@@ -104,18 +104,19 @@ void MakeDevice() { MakeDevice(kFirstTokens); }
 void MakeDevice(const std::string& tokens) {
   fake_hos::platform().Reset();
   fake_hos::platform().exec = RunCommand;
-  test_files::Write(nodelink::record::kPath, kRecord);
+  test_files::Write(nodelink::account_files::kRecord, kRecord);
   test_files::Write(nodelink::kPkceLoginConfigPath, kLoginConfig);
   test_files::Write(kTokenPath, tokens);
 }
 
-std::string Record() { return test_files::Read(nodelink::record::kPath); }
+std::string Record() { return test_files::Read(nodelink::account_files::kRecord); }
 
 std::string Tokens() { return test_files::Read(kTokenPath); }
 
 bool IsRecordOldOrGone() {
   const std::string record = Record();
-  return record == kRecord || (record.empty() && access(nodelink::record::kPath, F_OK) != 0);
+  return record == kRecord ||
+         (record.empty() && access(nodelink::account_files::kRecord, F_OK) != 0);
 }
 
 bool AreTokensWhole() {

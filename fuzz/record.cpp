@@ -1,5 +1,6 @@
 // The account record. Input: the text of the file.
 #include "account/account_data.h"
+#include "account/account_files.h"
 #include "account/record_keys.h"
 #include "account/user.h"
 #include "fuzz/property.h"
@@ -34,7 +35,7 @@ void CheckSame(const AccountData& data) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fake_hos::platform().Reset();
-  test_files::Write(record::kPath, std::string(data, data + size));
+  test_files::Write(nodelink::account_files::kRecord, std::string(data, data + size));
   AccountData account;
   fuzz::Check(nodelink::ReadAccountData(account) == 0, "any text reads as a record");
   CheckSame(account);

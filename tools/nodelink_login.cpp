@@ -63,7 +63,7 @@ int LoginByBrowser() {
   const std::string code = ReadCode(ReadReply(), sign_in);
   nodelink::AccountPkceServiceImpl service;
   service.onLoginWaits(SayWaiting);
-  service.Login(code, sign_in.verifier, config["login_redirect_uri"].asString());
+  service.Login(code, sign_in.pair.verifier, config["login_redirect_uri"].asString());
   // The login stands even when the record cannot be read for the name.
   const std::string email = nodelink::User().Get(nodelink::record::kZomiId);
   std::printf("Logged in%s%s\n", email.empty() ? "" : " as ", email.c_str());

@@ -10,7 +10,6 @@
 
 #include "core/error_code.h"
 #include "core/zomi_exception.h"
-#include "kivo/pkce.h"
 
 namespace nodelink_login {
 namespace {
@@ -94,21 +93,13 @@ bool IsAddress(const std::string& reply) { return reply.find("://") != std::stri
 
 }  // namespace
 
-SignIn BeginSignIn() {
-  std::array<char, 44> challenge{};
-  std::array<char, 44> verifier{};
-  if (kivo_challenge_verifier_no_save(challenge.data(), challenge.size(), verifier.data(),
-                                      verifier.size()) < 0) {
-    throw ZomiException(nodelink::kSystemError);
-  }
-  return {challenge.data(), verifier.data(), RandomState()};
-}
+SignIn BeginSignIn() { return {nodelink::MakeCodePair(), RandomState()}; }
 
 std::string SignInAddress(const Json::Value& config, const SignIn& sign_in) {
   const auto text = [&config](const char* name) { return Escape(config[name].asString()); };
   return config["auth_endpoint"].asString() + "?response_type=code&client_id=" + text("client_id") +
          "&redirect_uri=" + text("login_redirect_uri") + "&scope=" + text("scope") +
-         "&audience=" + text("audience") + "&code_challenge=" + sign_in.challenge +
+         "&audience=" + text("audience") + "&code_challenge=" + sign_in.pair.challenge +
          "&code_challenge_method=S256" + "&state=" + sign_in.state;
 }
 

@@ -5,14 +5,14 @@
 
 #include <string>
 
+#include "platform/code_pair.h"
+
 namespace nodelink_login {
 
-// One sign-in: a code challenge with its verifier, and a state that ties the answer to this
-// request.
+// One sign-in.
 struct SignIn {
-  std::string challenge;
-  std::string verifier;
-  std::string state;
+  nodelink::CodePair pair;
+  std::string state;  // ties the answer to this request
 };
 
 // Throws ZomiException with kSystemError when there is no randomness.

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
 #include "account/record_keys.h"
 #include "account/record_value.h"
@@ -64,8 +65,8 @@ void Assign(const IntegerKey& key, const std::string& text, std::int64_t& field)
 // The keys of a missing record are as absent as those of an empty one; any other record that cannot
 // be read must not pass for empty, or the server would be asked without the device's credentials.
 bool ReadValues(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
-  return KLIBCFileGetKeys(record::kPath, keys, values, "=") >= 0 ||
-         (faccessat(AT_FDCWD, record::kPath, F_OK, AT_EACCESS) != 0 && errno == ENOENT);
+  return KLIBCFileGetKeys(account_files::kRecord, keys, values, "=") >= 0 ||
+         (faccessat(AT_FDCWD, account_files::kRecord, F_OK, AT_EACCESS) != 0 && errno == ENOENT);
 }
 
 // `privileged` runs an operation with root's rights; false when they cannot be had.

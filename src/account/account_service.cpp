@@ -1,12 +1,10 @@
 #include "account/account_service.h"
 
-#include <unistd.h>
-
+#include "account/account_files.h"
 #include "account/login_lock.h"
 #include "account/record_keys.h"
 #include "account/report_schedule.h"
 #include "account/user.h"
-#include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
@@ -34,10 +32,9 @@ void DropRecord(const LinkIdentity& link) {
   if (lock.HoldsAnother(link)) {
     return;
   }
-  if (unlink(record::kPath) != 0) {
-    LogError(Here(), "Failed to unlink %s", record::kPath);
+  if (!account_files::RemoveRecord()) {
+    LogError(Here(), "Failed to unlink %s", account_files::kRecord);
   }
-  base::FlushFolderOf(record::kPath);
 }
 
 }  // namespace

@@ -1,20 +1,18 @@
 #include "account/link_lock.h"
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "core/error_code.h"
 
 namespace nodelink {
 namespace {
 
-constexpr char kPath[] = "/usr/kivo/etc/veltrix-account/private/.link.lock";
-static_assert(std::string_view(kPath).starts_with(record::kFolder));
 constexpr std::chrono::seconds kLimit{30};
 
 constexpr char kChanged[] = "The account link has changed, dropping the answer";
 
 }  // namespace
 
-LinkLock::LinkLock() : lock_(kPath) {
+LinkLock::LinkLock() : lock_(account_files::kLinkLock) {
   if (lock_.Take(kLimit) != PrivateLock::Outcome::kTaken) {
     LogError(Here(), "Failed to lock file: %s", lock_.path());
     throw ZomiException(kSystemError);

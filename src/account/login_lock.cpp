@@ -1,8 +1,6 @@
 #include "account/login_lock.h"
 
-#include <string_view>
-
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
@@ -10,14 +8,12 @@
 namespace nodelink {
 namespace {
 
-constexpr char kPath[] = "/usr/kivo/etc/veltrix-account/private/.login.lock";
-static_assert(std::string_view(kPath).starts_with(record::kFolder));
 constexpr std::chrono::seconds kSilence{3};
 constexpr std::chrono::seconds kLimit{30};
 
 }  // namespace
 
-LoginLock::LoginLock(const std::function<void()>& waits) : lock_(kPath) {
+LoginLock::LoginLock(const std::function<void()>& waits) : lock_(account_files::kLoginLock) {
   PrivateLock::Outcome outcome = lock_.Take(kSilence);
   if (outcome == PrivateLock::Outcome::kBusy) {
     LogError(Here(), "Waiting for another login");

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
 #include "account/zomi_config_remove.h"
 #include "base/atomic_replace.h"
@@ -30,18 +31,19 @@ bool IsOfTheLink(std::string_view key) {
 // Nothing when there is no record, or none that can be read.
 std::optional<std::string> ReadRecord() {
   std::string text;
-  return base::ReadFile(record::kPath, kLargestRecord, text) ? std::optional(text) : std::nullopt;
+  return base::ReadFile(account_files::kRecord, kLargestRecord, text) ? std::optional(text)
+                                                                      : std::nullopt;
 }
 
 // What else may stand in the record's place was not written by us.
 bool IsNoFile() {
   struct stat status {};
-  return lstat(record::kPath, &status) == 0 && !S_ISREG(status.st_mode);
+  return lstat(account_files::kRecord, &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 bool RemoveRecordFile(const base::UniqueFd& folder) {
-  return unlinkat(folder.get(), base::FileNameOf(record::kPath).c_str(), 0) == 0 &&
-         base::FlushFolderOf(record::kPath);
+  return unlinkat(folder.get(), base::FileNameOf(account_files::kRecord).c_str(), 0) == 0 &&
+         base::FlushFolderOf(account_files::kRecord);
 }
 
 }  // namespace
@@ -102,7 +104,7 @@ bool RecordChange::TakeBack() const {
   if (IsNoFile()) {
     return true;
   }
-  const base::UniqueFd folder = base::LockFolderOf(record::kPath);
+  const base::UniqueFd folder = base::LockFolderOf(account_files::kRecord);
   if (!folder) {
     return errno == ENOENT;
   }
@@ -114,7 +116,8 @@ bool RecordChange::TakeBack() const {
   if (wanted == now) {
     return true;
   }
-  return wanted ? base::ReplaceInFolder(folder, base::FileNameOf(record::kPath), *wanted, kRoots)
+  return wanted ? base::ReplaceInFolder(folder, base::FileNameOf(account_files::kRecord), *wanted,
+                                        kRoots)
                 : RemoveRecordFile(folder);
 }
 
@@ -129,7 +132,8 @@ void RecordChange::Undo(const LinkLock& /*lock*/) {
     reason = errno;
   });
   if (!done) {
-    LogError(Here(), "Failed to restore %s, reason=%s", record::kPath, std::strerror(reason));
+    LogError(Here(), "Failed to restore %s, reason=%s", account_files::kRecord,
+             std::strerror(reason));
   }
 }
 

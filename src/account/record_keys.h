@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
 
 namespace nodelink {
 
@@ -17,11 +16,6 @@ using FlagKey = RecordKey<bool>;
 using IntegerKey = RecordKey<std::int64_t>;
 
 namespace record {
-
-// Root's alone; the token files stand there too.
-inline constexpr char kFolder[] = "/usr/kivo/etc/veltrix-account/private/";
-inline constexpr char kPath[] = "/usr/kivo/etc/veltrix-account/private/user.conf";
-static_assert(std::string_view(kPath).starts_with(kFolder));
 
 // The hosts of an account that was linked through hosts of the user's own.
 inline constexpr TextKey kAccountHost{"account_host", ""};

@@ -5,32 +5,28 @@
 #include <cstdio>
 #include <string_view>
 
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
-#include "account/record_keys.h"
 #include "base/atomic_replace.h"
 #include "base/folder.h"
 
 namespace nodelink {
 namespace {
 
-bool IsTokenFile(std::string_view name) {
-  return name.ends_with("_token.json") && !name.starts_with('.');
-}
-
 bool IsOfTheAccount(std::string_view name) {
-  return name == base::FileNameOf(record::kPath) || IsTokenFile(name);
+  return name == base::FileNameOf(account_files::kRecord) || account_files::IsTokenFile(name);
 }
 
 std::vector<std::string> TokenFiles() {
-  auto names = base::NamesIn(record::kFolder).value_or(std::vector<std::string>());
-  std::erase_if(names, [](const std::string& name) { return !IsTokenFile(name); });
+  auto names = base::NamesIn(account_files::kFolder).value_or(std::vector<std::string>());
+  std::erase_if(names, [](const std::string& name) { return !account_files::IsTokenFile(name); });
   return names;
 }
 
-std::string PathOf(const std::string& name) { return record::kFolder + name; }
+std::string PathOf(const std::string& name) { return account_files::kFolder + name; }
 
 std::string AsideOf(const std::string& name) {
-  return record::kFolder + base::TemporaryPrefix(name) + "aside";
+  return account_files::kFolder + base::TemporaryPrefix(name) + "aside";
 }
 
 }  // namespace
@@ -60,14 +56,14 @@ void TokensSetAside::Drop() {
     for (const std::string& name : names_) {
       unlink(AsideOf(name).c_str());
     }
-    base::FlushFolderOf(record::kPath);
+    base::FlushFolderOf(account_files::kRecord);
   });
   names_.clear();
 }
 
 void RemoveAccountLeftovers(const LinkLock& /*lock*/) {
   (void)RunPrivilegedSilently([] {
-    const base::UniqueFd folder = base::LockFolderOf(record::kPath);
+    const base::UniqueFd folder = base::LockFolderOf(account_files::kRecord);
     if (folder) {
       base::RemoveLeftovers(folder, IsOfTheAccount);
     }

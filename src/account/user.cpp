@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
 #include "account/record_value.h"
 #include "core/error_code.h"
@@ -31,16 +32,18 @@ constexpr mode_t kMode = 0600;
 // The platform takes C strings: a NUL would cut the value in silence.
 bool SetKeyValue(const char* key, const std::string& value) {
   return value.find('\0') == std::string::npos &&
-         KLIBCFileSetKeyValue(record::kPath, key, value.c_str(), kLineFormat) >= 0;
+         KLIBCFileSetKeyValue(account_files::kRecord, key, value.c_str(), kLineFormat) >= 0;
 }
 
 // The file belongs to root alone, also after a write that failed half way or by another program.
 void ProtectFile() {
-  if (chmod(record::kPath, kMode) != 0) {
-    LogError(Here(), "chmod failed, path=%s, reason=%s", record::kPath, std::strerror(errno));
+  if (chmod(account_files::kRecord, kMode) != 0) {
+    LogError(Here(), "chmod failed, path=%s, reason=%s", account_files::kRecord,
+             std::strerror(errno));
   }
-  if (chown(record::kPath, 0, 0) != 0) {
-    LogError(Here(), "chown failed, path=%s, reason=%s", record::kPath, std::strerror(errno));
+  if (chown(account_files::kRecord, 0, 0) != 0) {
+    LogError(Here(), "chown failed, path=%s, reason=%s", account_files::kRecord,
+             std::strerror(errno));
   }
 }
 
@@ -50,7 +53,7 @@ std::string UserImpl::ReadText(const char* key, const char* default_value) const
   std::array<char, kValueSize> buffer{};
   int length = 0;
   const bool privileged = RunPrivileged(Here(), [&] {
-    length = KLIBCFileGetKeyValue(record::kPath, key, buffer.data(), kValueSize, 0);
+    length = KLIBCFileGetKeyValue(account_files::kRecord, key, buffer.data(), kValueSize, 0);
   });
   if (!privileged) {
     throw ZomiException(kSystemError);

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
-#include "account/record_keys.h"
 #include "core/error_code.h"
 #include "core/log.h"
 #include "core/platform_owner.h"
@@ -22,14 +22,14 @@ constexpr char kPasswordKey[] = "zomiPW";
 
 int ReadKeys(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
   int count = 0;
-  const bool privileged =
-      RunPrivileged(Here(), [&] { count = KLIBCFileGetKeys(record::kPath, keys, values, "="); });
+  const bool privileged = RunPrivileged(
+      Here(), [&] { count = KLIBCFileGetKeys(account_files::kRecord, keys, values, "="); });
   if (!privileged) {
     return Fail(kSystemError);
   }
   if (count < 0) {
-    LogError(Here(), "KLIBCFileGetKeys() failed!! szFile=[%s], kivoerr=[0x%04X]", record::kPath,
-             static_cast<unsigned int>(KLIBCErrGet()));
+    LogError(Here(), "KLIBCFileGetKeys() failed!! szFile=[%s], kivoerr=[0x%04X]",
+             account_files::kRecord, static_cast<unsigned int>(KLIBCErrGet()));
     return Fail(kNoAccount);
   }
   return 0;
@@ -39,7 +39,7 @@ int CopyValue(const KLIBCSZHASH* values, const char* key, std::array<char, 4096>
   const char* value = KLIBCSzHashGetValue(values, key);
   if (value == nullptr || *value == '\0') {
     const int reason = errno;
-    LogError(Here(), "key [%s] not found in %s, errno=%s/%d\n", key, record::kPath,
+    LogError(Here(), "key [%s] not found in %s, errno=%s/%d\n", key, account_files::kRecord,
              std::strerror(reason), reason);
     return Fail(kNoAccount);
   }
@@ -53,7 +53,7 @@ int ZomiConfigGet(LegacyCredentials* credentials) {
   if (credentials == nullptr) {
     return Fail(kWrongParameters);
   }
-  if (access(record::kPath, F_OK) != 0) {
+  if (access(account_files::kRecord, F_OK) != 0) {
     return Fail(kNoAccount);
   }
   const SzList keys(KLIBCSzListAlloc(kInitialSize));

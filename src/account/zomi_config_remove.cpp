@@ -1,10 +1,7 @@
 #include "account/zomi_config_remove.h"
 
-#include <unistd.h>
-
+#include "account/account_files.h"
 #include "account/privilege_guard.h"
-#include "account/record_keys.h"
-#include "base/atomic_replace.h"
 #include "core/log.h"
 #include "core/platform_owner.h"
 #include "klib/plugin.h"
@@ -16,13 +13,7 @@ constexpr unsigned int kLogoutAction = 4;
 
 // A record that is not there counts as removed.
 int RemoveRecord() {
-  return RunPrivileged(Here(),
-                       [] {
-                         unlink(record::kPath);
-                         base::FlushFolderOf(record::kPath);
-                       })
-             ? 0
-             : -1;
+  return RunPrivileged(Here(), [] { (void)account_files::RemoveRecord(); }) ? 0 : -1;
 }
 
 int AnnounceAndRemove(KLIBPLUGIN* plugin) {

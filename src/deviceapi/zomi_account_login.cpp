@@ -32,26 +32,6 @@ constexpr int kLogType = 2;
 constexpr int kLogLevel = 1;
 constexpr unsigned int kLoggedInEvent = 0x13A00001;
 
-// Owner of the plug-in handle.
-class LoginPlugin {
- public:
-  LoginPlugin() : opened_(KLIBPluginSDKInit("zomi", "zomi/login", &handle_, &handle_) >= 0) {}
-  LoginPlugin(const LoginPlugin&) = delete;
-  LoginPlugin& operator=(const LoginPlugin&) = delete;
-  ~LoginPlugin() { KLIBPluginExit(handle_); }
-
-  bool opened() const { return opened_; }
-  void Announce() {
-    if (KLIBPluginAction(kLoggedInAction, handle_) < 0) {
-      LogError(Here(), "KLIBPluginAction failed, action=%u", kLoggedInAction);
-    }
-  }
-
- private:
-  KLIBPLUGIN* handle_ = nullptr;
-  bool opened_;
-};
-
 // The facts of this login attempt, and the form made of them.
 struct Attempt {
   std::string identifier;
@@ -223,7 +203,7 @@ bool LinkStands(const LinkIdentity& link) {
 
 // Nothing that fails here undoes the login. Only another process can, and then the plug-ins are not
 // told of it any more.
-int FollowUp(const std::string& identifier, const LinkIdentity& link, LoginPlugin& plugin) {
+int FollowUp(const std::string& identifier, const LinkIdentity& link, KLIBPLUGIN* plugin) {
   AddReportJob(link);
   LogError(Here(), "Logged in Zomi Center as %s", identifier.c_str());
   (void)KIVOLogSet1(kLogType, kLogLevel, kLoggedInEvent, identifier.c_str(), "", "", "");
@@ -233,7 +213,9 @@ int FollowUp(const std::string& identifier, const LinkIdentity& link, LoginPlugi
   if (!profile.removed() && !LinkStands(link)) {
     return FailLinkChanged(Here());
   }
-  plugin.Announce();
+  if (KLIBPluginAction(kLoggedInAction, plugin) < 0) {
+    LogError(Here(), "KLIBPluginAction failed, action=%u", kLoggedInAction);
+  }
   return 0;
 }
 
@@ -245,8 +227,10 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
     LogError(Here(), "Bad Parameters");
     return Fail(kWrongParameters);
   }
-  LoginPlugin plugin;
-  if (!plugin.opened()) {
+  KLIBPLUGIN* plugin = nullptr;
+  const int opened = KLIBPluginSDKInit("zomi", "zomi/login", &plugin, &plugin);
+  const PluginOwner owner(plugin);
+  if (opened < 0) {
     LogError(Here(), "KLIBPluginSDKInit failed");
     return Fail(kSystemError);
   }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "account/account_data.h"
+#include "account/account_files.h"
 #include "account/link_lock.h"
 #include "account/record_change.h"
 #include "account/user.h"
@@ -265,7 +266,7 @@ int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick) {
 
 int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick, RecordChange& change) {
   // One query at a time: those that wait find the record fresh, and no two interleave their writes.
-  FileLock lock(AccountLockPath(kLockName), 0);
+  FileLock lock(account_files::LockFile(kLockName), 0);
   if (!lock.Lock(kLockTimeout)) {
     LogError(Here(), "Failed to lock file: %s", lock.path().c_str());
     return -1;

@@ -1,12 +1,12 @@
 #include "pkce/account_pkce_service.h"
 
-#include <array>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <ctime>
 #include <utility>
 #include <vector>
 
+#include "account/account_files.h"
 #include "account/account_link.h"
 #include "account/link_lock.h"
 #include "account/login_lock.h"
@@ -23,12 +23,12 @@
 #include "core/zomi_exception.h"
 #include "deviceapi/zomi_account_query_info.h"
 #include "kivo/log.h"
-#include "kivo/pkce.h"
 #include "klibc/exec.h"
 #include "pkce/http_answer.h"
 #include "pkce/http_request.h"
 #include "pkce/pkce_config.h"
 #include "pkce/token_request.h"
+#include "platform/code_pair.h"
 #include "platform/hos_service.h"
 #include "platform/report_job.h"
 #include "platform/zomi_plugin_manager.h"
@@ -49,21 +49,6 @@ constexpr int kUnauthorized = 401;
 
 // The place of this line in the log is fixed: administrators' filters know it.
 constexpr LogSite kExchangeSite{"account_pkce_service", 107};
-
-struct CodePair {
-  std::string challenge;
-  std::string verifier;
-};
-
-CodePair MakeCodePair() {
-  std::array<char, 44> challenge{};
-  std::array<char, 44> verifier{};
-  if (kivo_challenge_verifier_no_save(challenge.data(), challenge.size(), verifier.data(),
-                                      verifier.size()) < 0) {
-    throw ZomiException(kSystemError, "Failed to get code challenge & verifier");
-  }
-  return {challenge.data(), verifier.data()};
-}
 
 // Posts `form` to the account server.
 HttpAnswer PostToAccount(const char* path, const std::string& client_id, HttpForm form) {
@@ -182,12 +167,14 @@ void StoreAccount(const Json::Value& identity, const std::optional<LinkIdentity>
 
 // Those of every client.
 void ClearTokens(const LinkLock& lock) {
-  const std::string command = std::string("/bin/rm -f ") + record::kFolder + "*_token.json";
+  const std::string command =
+      std::string("/bin/rm -f ") + account_files::kFolder + "*" + account_files::kTokenFileEnd;
   if (KLIBCExecl("/bin/sh", kExecFlags, "-c", command.c_str(), static_cast<char*>(nullptr)) < 0) {
     LogError(Here(), "Failed to clear token files");
   }
   RemoveAccountLeftovers(lock);
-  base::FlushFolderOf(record::kPath);  // or a power failure brings the record or the keys back
+  base::FlushFolderOf(
+      account_files::kRecord);  // or a power failure brings the record or the keys back
 }
 
 void CheckLink(const LinkLock& lock, const std::optional<LinkIdentity>& link) {

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "base/atomic_replace.h"
-#include "core/include/internal/string_utils.h"
 #include "core/log.h"
 #include "klibc/filelock.h"
 
@@ -78,10 +77,6 @@ class BackOff {
 };
 
 }  // namespace
-
-std::string AccountLockPath(const std::string& name) {
-  return FormatString("/tmp/account_%s.lock", name);
-}
 
 FileLock::FileLock(std::string path, std::int32_t mode) : path_(std::move(path)), mode_(mode) {}
 

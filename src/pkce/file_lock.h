@@ -6,9 +6,6 @@
 
 namespace nodelink {
 
-// "/tmp/account_NAME.lock"
-std::string AccountLockPath(const std::string& name);
-
 class FileLock {
  public:
   // `mode` chooses the platform lock's flag; every user passes 0, the exclusive lock. Touches

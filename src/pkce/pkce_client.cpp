@@ -7,7 +7,7 @@
 #include <fstream>
 #include <utility>
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "core/error_code.h"
 #include "core/include/internal/json_utils.h"
 #include "core/include/internal/string_utils.h"
@@ -49,7 +49,7 @@ class PkceClientImpl {
   bool MayStore(const LinkLock& lock, const TokenRequest& asked_for) const;
   void SaveToken(const Json::Value& response, const TokenRequest* asked_for) const;
   void RenewToken();
-  std::string LockPath(const char* suffix) const { return AccountLockPath(name_ + suffix); }
+  std::string LockPath(const char* suffix) const { return account_files::LockFile(name_ + suffix); }
   std::string ConfigText(const char* name) const;
   HttpAnswer Send(HttpForm form) const;
 
@@ -116,7 +116,7 @@ void CheckRenewal(const HttpAnswer& answer, const Json::Value& response,
 
 }  // namespace
 
-std::string PkceClientImpl::GetTokenPath() const { return record::kFolder + name_ + "_token.json"; }
+std::string PkceClientImpl::GetTokenPath() const { return account_files::TokenFile(name_); }
 
 bool PkceClientImpl::HasToken() const { return std::ifstream(GetTokenPath()).is_open(); }
 

@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include "account/account_files.h"
 #include "tests/account/record_fixture.h"
 #include "tests/support/child.h"
 
@@ -92,7 +93,7 @@ TEST_F(AccountDataTest, LinkedRecordIsRead) {
 }
 
 TEST_F(AccountDataTest, RecordThatCannotBeReadIsNotAnEmptyOne) {
-  std::filesystem::create_directory(record::kPath);
+  std::filesystem::create_directory(account_files::kRecord);
   EXPECT_EQ(ReadAccountData(data_), -1);
   EXPECT_EQ(ReadLinkedAccountData(data_), -1);
 }

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "account/account_files.h"
 #include "core/error_code.h"
 #include "tests/support/session_fixture.h"
 
@@ -59,10 +60,11 @@ TEST_F(AccountLinkTest, AnotherAccountsTokensAreRemoved) {
   for (const char* record : {"zomiIDSerial=\"1\"\n", ""}) {
     WriteRecord(record);
     WriteTokens("the former account's");
-    test_files::Write(std::string(record::kFolder) + "register_token.json", "and more", 0600);
+    test_files::Write(std::string(account_files::kFolder) + "register_token.json", "and more",
+                      0600);
     Replace("4711", "key");
     EXPECT_FALSE(HasTokens());
-    EXPECT_FALSE(test_files::Exists(std::string(record::kFolder) + "register_token.json"));
+    EXPECT_FALSE(test_files::Exists(std::string(account_files::kFolder) + "register_token.json"));
   }
 }
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "account/account_files.h"
 #include "account/login_lock.h"
 #include "base/unique_fd.h"
 #include "tests/account/record_fixture.h"
@@ -20,7 +21,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string kFile = std::string(record::kFolder) + ".link.lock";
+const std::string kFile = std::string(account_files::kFolder) + ".link.lock";
 constexpr char kRecord[] = "zomiIDSerial=\"1\"\nhs_auth_key=\"k1\"\n";
 const LinkIdentity kLink = {"1", "k1"};
 
@@ -68,7 +69,7 @@ TEST_F(LinkLockTest, AnotherLinkIsOneThatIsThere) {
 }
 
 TEST_F(LinkLockTest, ARecordThatCannotBeReadNamesNobodyKnowsWhat) {
-  std::filesystem::create_directory(record::kPath);
+  std::filesystem::create_directory(account_files::kRecord);
   const LinkLock lock;
   EXPECT_EQ(lock.Link(), std::nullopt);
   EXPECT_FALSE(lock.Holds({}));
@@ -146,7 +147,7 @@ TEST_F(LinkLockTest, ALoginHasALockOfItsOwn) {
   bool waited = false;
   const LoginLock login([&waited] { waited = true; });
   const LinkLock link;
-  EXPECT_FALSE(IsFree(std::string(record::kFolder) + ".login.lock"));
+  EXPECT_FALSE(IsFree(std::string(account_files::kFolder) + ".login.lock"));
   EXPECT_FALSE(waited);
   EXPECT_THAT(Log(), IsEmpty());
 }
@@ -160,7 +161,7 @@ TEST_F(LinkLockTest, ALoginThatWaitsSaysSoAndGoesOnWhenTheOtherEnds) {
 }
 
 TEST_F(LinkLockTest, ALoginThatAloneCannotHaveItsLockFails) {
-  const std::string path = std::string(record::kFolder) + ".login.lock";
+  const std::string path = std::string(account_files::kFolder) + ".login.lock";
   hooks().open = [&path](const char* opened, int flags, mode_t mode) {
     errno = EMFILE;
     return opened == path ? -1 : interpose::RealOpen(opened, flags, mode);

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "account/account_files.h"
 #include "tests/account/record_fixture.h"
 
 namespace nodelink {
@@ -14,7 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::filesystem::path kFolder = std::filesystem::path(record::kPath).parent_path();
+const std::filesystem::path kFolder = std::filesystem::path(account_files::kRecord).parent_path();
 
 constexpr char kBefore[] =
     "# kept\nzomiIDSerial=\"1\"\nhs_auth_key=\"k1\"\ncountry=\"CH\"\nzomiID=\"a\"\n";
@@ -31,7 +32,7 @@ class RecordChangeTest : public PlatformTest {
 
   static ino_t Inode() {
     struct stat status {};
-    return lstat(record::kPath, &status) == 0 ? status.st_ino : 0;
+    return lstat(account_files::kRecord, &status) == 0 ? status.st_ino : 0;
   }
 
   LinkLock lock_;
@@ -211,28 +212,28 @@ TEST_F(RecordChangeTest, NothingIsRewrittenWhenNothingWasWritten) {
 
 TEST_F(RecordChangeTest, ALinkInTheRecordsPlaceIsNotReplaced) {
   test_files::Write("/etc/elsewhere", kBefore, 0600);
-  std::filesystem::create_symlink("/etc/elsewhere", record::kPath);
+  std::filesystem::create_symlink("/etc/elsewhere", account_files::kRecord);
   RecordChange change;
   EXPECT_EQ(CodeThrownBy([&] { SetLink(change, "2", "k2"); }), kAccountNotWritten);
   // As a platform that follows the link would write it.
   test_files::Write("/etc/elsewhere", "zomiIDSerial=\"2\"\n", 0600);
   change.Undo(lock_);
-  EXPECT_TRUE(std::filesystem::is_symlink(record::kPath));
+  EXPECT_TRUE(std::filesystem::is_symlink(account_files::kRecord));
   EXPECT_EQ(test_files::Read("/etc/elsewhere"), "zomiIDSerial=\"2\"\n");
   EXPECT_THAT(Log(), testing::Not(testing::Contains(testing::HasSubstr("restore"))));
 }
 
 TEST_F(RecordChangeTest, AFolderInTheRecordsPlaceIsNobodysChange) {
-  std::filesystem::create_directory(record::kPath);
+  std::filesystem::create_directory(account_files::kRecord);
   RecordChange change;
   EXPECT_EQ(CodeThrownBy([&] { SetLink(change, "2", "k2"); }), kAccountNotWritten);
   change.Undo(lock_);
-  EXPECT_TRUE(std::filesystem::is_directory(record::kPath));
+  EXPECT_TRUE(std::filesystem::is_directory(account_files::kRecord));
   EXPECT_THAT(Log(), ElementsAre("user Failed to set zomi config for zomiIDSerial:2"));
 }
 
 TEST_F(RecordChangeTest, AFifoInTheRecordsPlaceDoesNotHang) {
-  ASSERT_EQ(mkfifo(record::kPath, 0600), 0);
+  ASSERT_EQ(mkfifo(account_files::kRecord, 0600), 0);
   RecordChange change;
   platform().FailNext("KLIBCFileSetKeyValue");  // the scripted platform would open it
   EXPECT_EQ(CodeThrownBy([&] { SetLink(change, "2", "k2"); }), kAccountNotWritten);
@@ -257,8 +258,8 @@ TEST_F(RecordChangeTest, AFailedUndoIsLoggedAndLeavesNothingBehind) {
   WriteRecord(ReadRecord() + std::string(8 * 1024 * 1024, '#'));
   change.Undo(lock_);
   EXPECT_THAT(LogWithPriorities(),
-              ElementsAre(std::string("user.err record_change Failed to restore ") + record::kPath +
-                          ", reason=File too large"));
+              ElementsAre(std::string("user.err record_change Failed to restore ") +
+                          account_files::kRecord + ", reason=File too large"));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(kFolder), {}), 2) << "with the lock";
 }
 

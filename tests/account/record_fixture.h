@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "core/error_code.h"
 #include "core/zomi_exception.h"
 #include "tests/support/fail_each_call.h"
@@ -18,7 +18,7 @@ namespace nodelink {
 // Mode, owner and group of the record, as "600 0:0"; "none" when there is none.
 inline std::string RecordProtection() {
   struct stat status {};
-  if (stat(record::kPath, &status) != 0) {
+  if (stat(account_files::kRecord, &status) != 0) {
     return "none";
   }
   constexpr unsigned int kOctal = 8;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "account/account_files.h"
 #include "tests/account/record_fixture.h"
 
 namespace nodelink {
@@ -16,18 +17,18 @@ class TokenFilesTest : public PlatformTest {
  protected:
   ~TokenFilesTest() override {
     for (const std::string& name : Names()) {
-      std::filesystem::remove(record::kFolder + name);
+      std::filesystem::remove(account_files::kFolder + name);
     }
   }
 
   static void Make(const std::string& name) {
-    test_files::Write(record::kFolder + name, name, 0600);
+    test_files::Write(account_files::kFolder + name, name, 0600);
   }
 
   // In the private folder, without the locks.
   static std::vector<std::string> Names() {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(record::kFolder)) {
+    for (const auto& entry : std::filesystem::directory_iterator(account_files::kFolder)) {
       const std::string name = entry.path().filename();
       if (!name.ends_with(".lock")) {
         names.push_back(name);
@@ -50,7 +51,7 @@ TEST_F(TokenFilesTest, OfEveryClientAreSetAsideAndComeBack) {
                                      ".register_token.json.tmp-aside", "user.conf"));
   }
   EXPECT_THAT(Names(), ElementsAre("login_token.json", "register_token.json", "user.conf"));
-  EXPECT_EQ(test_files::Read(record::kFolder + std::string("login_token.json")),
+  EXPECT_EQ(test_files::Read(account_files::kFolder + std::string("login_token.json")),
             "login_token.json");
 }
 

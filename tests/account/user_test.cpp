@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "account/account_files.h"
 #include "tests/account/record_fixture.h"
 
 namespace nodelink {
@@ -17,7 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string kRecordPath = record::kPath;
+const std::string kRecordPath = account_files::kRecord;
 
 std::vector<TextKey> TextKeys() {
   return {record::kAccountHost,
@@ -308,8 +309,8 @@ TEST_F(UserWriteTest, EverythingFailedIsLoggedInItsOrder) {
 }
 
 TEST_F(UserTest, WrittenRecordBelongsToRootAlone) {
-  test_files::Write(record::kPath, "zomiID=\"a\"\n", 0666);
-  ASSERT_EQ(chown(record::kPath, 0, 0), 0);
+  test_files::Write(account_files::kRecord, "zomiID=\"a\"\n", 0666);
+  ASSERT_EQ(chown(account_files::kRecord, 0, 0), 0);
   user_.Set(record::kZomiId, "b");
   EXPECT_EQ(RecordProtection(), "600 0:0");
   RemoveRecord();
@@ -318,8 +319,8 @@ TEST_F(UserTest, WrittenRecordBelongsToRootAlone) {
 }
 
 TEST_F(UserTest, RecordIsTakenBackFromAnotherOwnerEvenWhenTheWriteFails) {
-  test_files::Write(record::kPath, "zomiID=\"a\"\n", 0666);
-  if (chown(record::kPath, 1026, 100) != 0) {
+  test_files::Write(account_files::kRecord, "zomiID=\"a\"\n", 0666);
+  if (chown(account_files::kRecord, 1026, 100) != 0) {
     GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   }
   platform().FailNext("KLIBCFileSetKeyValue");
@@ -344,7 +345,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, RefusedTextTest,
                                          std::string("Ann\0Bob", 7), std::string("\0", 1)));
 
 TEST_F(UserTest, FolderInTheRecordsPlaceReadsAsEmptyAndCannotBeWritten) {
-  std::filesystem::create_directory(record::kPath);
+  std::filesystem::create_directory(account_files::kRecord);
   EXPECT_EQ(user_.Get(record::kZomiId), "");
   EXPECT_EQ(CodeThrownBy([this] { user_.Set(record::kZomiId, "a"); }), 19U);
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "account/account_files.h"
 #include "tests/account/record_fixture.h"
 
 namespace nodelink {
@@ -46,7 +47,7 @@ TEST_F(ZomiConfigGetTest, CallsInTheirOrderWithTheirSizes) {
               ElementsAre(testing::Field(&fake_hos::Call::args, ElementsAre("zomiID")),
                           testing::Field(&fake_hos::Call::args, ElementsAre("zomiPW"))));
   EXPECT_THAT(platform().calls(),
-              ElementsAre(fake_hos::Call{"KLIBCFileGetKeys", {record::kPath, "="}}));
+              ElementsAre(fake_hos::Call{"KLIBCFileGetKeys", {account_files::kRecord, "="}}));
 }
 
 TEST_F(ZomiConfigGetTest, LongValuesAreCutAt4095BytesAndEnd) {
@@ -94,11 +95,11 @@ TEST_F(ZomiConfigGetTest, KeysThatCannotBeReadAreNoAccount) {
   EXPECT_THAT(LogWithPriorities(),
               ElementsAre(std::string("user.err zomi_config_get KLIBCFileGetKeys() failed!! "
                                       "szFile=[") +
-                          record::kPath + "], kivoerr=[0xBEEF]"));
+                          account_files::kRecord + "], kivoerr=[0xBEEF]"));
 }
 
 TEST_F(ZomiConfigGetTest, SmallPlatformCodesAreShownWithFourDigits) {
-  std::filesystem::create_directory(record::kPath);
+  std::filesystem::create_directory(account_files::kRecord);
   platform().SetFailureTriple({0x7, "keyvalue.c", 9});
   EXPECT_EQ(ZomiConfigGet(credentials_.get()), -1);
   EXPECT_THAT(Log(), ElementsAre(testing::EndsWith("kivoerr=[0x0007]")));
@@ -123,9 +124,9 @@ TEST_P(MissingValueTest, IsNoAccount) {
   EXPECT_EQ(Id(), GetParam().identifier);
   EXPECT_EQ(Password(), "");
   EXPECT_THAT(LogWithPriorities(),
-              ElementsAre(testing::MatchesRegex(std::string("user\\.err zomi_config_get key \\[") +
-                                                GetParam().key + "\\] not found in " +
-                                                record::kPath + ", errno=[A-Z][^\n]*/[0-9]+\n")));
+              ElementsAre(testing::MatchesRegex(
+                  std::string("user\\.err zomi_config_get key \\[") + GetParam().key +
+                  "\\] not found in " + account_files::kRecord + ", errno=[A-Z][^\n]*/[0-9]+\n")));
 }
 
 INSTANTIATE_TEST_SUITE_P(

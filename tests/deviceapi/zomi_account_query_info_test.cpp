@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 #include "base/unique_fd.h"
 #include "core/error_code.h"
 #include "core/json.h"
@@ -297,7 +297,7 @@ TEST_F(DefaultHostTest, AMissingRecordAsksTheAccountHostWithAnEmptyId) {
   EXPECT_EQ(output["email"], "anna@example.org");
   EXPECT_EQ(output["auth_key"], "");
   struct stat status {};
-  ASSERT_EQ(stat(nodelink::record::kPath, &status), 0);
+  ASSERT_EQ(stat(nodelink::account_files::kRecord, &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
@@ -313,7 +313,8 @@ TEST_F(DefaultHostTest, TheTestSwitchAsksTheTestHost) {
 std::vector<Call> WriteCalls(const fake_hos::Pairs& writes) {
   std::vector<Call> calls;
   for (const auto& [key, value] : writes) {
-    calls.push_back({"KLIBCFileSetKeyValue", {nodelink::record::kPath, key, value, "%s=\"%s\"\n"}});
+    calls.push_back(
+        {"KLIBCFileSetKeyValue", {nodelink::account_files::kRecord, key, value, "%s=\"%s\"\n"}});
   }
   return calls;
 }
@@ -948,7 +949,7 @@ TEST_P(WriteFailureTest, TheRecordIsAsItWas) {
   ExpectNotWritten();
   EXPECT_EQ(platform().call_count("KLIBCFileSetKeyValue"), static_cast<std::size_t>(GetParam()));
   struct stat status {};
-  ASSERT_EQ(stat(nodelink::record::kPath, &status), 0);
+  ASSERT_EQ(stat(nodelink::account_files::kRecord, &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 

@@ -137,7 +137,7 @@ class PkceInteropTest : public testing::Test {
   // A whole login without the program.
   void LogIn() {
     const auto sign_in = nodelink_login::BeginSignIn();
-    Exchange(nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in), sign_in.verifier);
+    Exchange(nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in), sign_in.pair.verifier);
   }
 
   // Runs nodelink-login until it has read what `browse` makes of its sign-in address.
@@ -273,7 +273,7 @@ TEST_F(PkceInteropTest, WrongVerifierIsRefused) {
   const std::string content = test_files::Read(kTokenFile);
   const auto sign_in = nodelink_login::BeginSignIn();
   const std::string code = nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in);
-  const std::string other_verifier = nodelink_login::BeginSignIn().verifier;
+  const std::string other_verifier = nodelink_login::BeginSignIn().pair.verifier;
   ExpectRefusedExchange(code, other_verifier);
   EXPECT_EQ(test_files::Read(kTokenFile), content);
   EXPECT_THAT(provider_->Stop(), EndsWith("refused authorization_code: invalid_grant\n"));
@@ -282,16 +282,16 @@ TEST_F(PkceInteropTest, WrongVerifierIsRefused) {
 TEST_F(PkceInteropTest, RefusedFirstExchangeStoresNothing) {
   const auto sign_in = nodelink_login::BeginSignIn();
   const std::string code = nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in);
-  ExpectRefusedExchange(code, nodelink_login::BeginSignIn().verifier);
+  ExpectRefusedExchange(code, nodelink_login::BeginSignIn().pair.verifier);
   EXPECT_FALSE(client_.HasToken());
 }
 
 TEST_F(PkceInteropTest, CodeIsGoodForOneExchange) {
   const auto sign_in = nodelink_login::BeginSignIn();
   const std::string code = nodelink_login::ReadCode(PlayBrowser(sign_in), sign_in);
-  Exchange(code, sign_in.verifier);
+  Exchange(code, sign_in.pair.verifier);
   const std::string content = test_files::Read(kTokenFile);
-  ExpectRefusedExchange(code, sign_in.verifier);
+  ExpectRefusedExchange(code, sign_in.pair.verifier);
   EXPECT_EQ(test_files::Read(kTokenFile), content);
 }
 

@@ -93,12 +93,6 @@ class FileLockTest : public PlatformTest {
   std::unique_ptr<FileLock> lock_ = std::make_unique<FileLock>(kPath, 0);
 };
 
-TEST_F(FileLockTest, NameBecomesAPathInTmp) {
-  EXPECT_EQ(AccountLockPath("query_info"), "/tmp/account_query_info.lock");
-  EXPECT_EQ(AccountLockPath("login_get_token"), "/tmp/account_login_get_token.lock");
-  EXPECT_EQ(AccountLockPath("%s"), "/tmp/account_%s.lock");
-}
-
 TEST_F(FileLockTest, NewLockTouchesNothing) {
   EXPECT_EQ(lock_->path(), kPath);
   EXPECT_FALSE(std::filesystem::exists(kPath));

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "account/record_keys.h"
+#include "account/account_files.h"
 
 namespace {
 
@@ -64,11 +64,13 @@ std::vector<std::string> PlatformTest::LogWithPriorities() {
 }
 
 void PlatformTest::WriteRecord(const std::string& content) {
-  test_files::Write(nodelink::record::kPath, content, 0600);
+  test_files::Write(nodelink::account_files::kRecord, content, 0600);
 }
 
-std::string PlatformTest::ReadRecord() { return test_files::Read(nodelink::record::kPath); }
+std::string PlatformTest::ReadRecord() {
+  return test_files::Read(nodelink::account_files::kRecord);
+}
 
-bool PlatformTest::HasRecord() { return access(nodelink::record::kPath, F_OK) == 0; }
+bool PlatformTest::HasRecord() { return access(nodelink::account_files::kRecord, F_OK) == 0; }
 
-void PlatformTest::RemoveRecord() { std::filesystem::remove(nodelink::record::kPath); }
+void PlatformTest::RemoveRecord() { std::filesystem::remove(nodelink::account_files::kRecord); }
