@@ -10,6 +10,7 @@
 #include "account/account_files.h"
 #include "core/error_code.h"
 #include "core/json.h"
+#include "core/json_value.h"
 #include "core/zomi_exception.h"
 #include "deviceapi/zomi_https_req_send.h"
 #include "fuzz/property.h"
@@ -22,13 +23,13 @@
 namespace fuzz {
 namespace {
 
-constexpr const char* kTokenPath = "/usr/kivo/etc/veltrix-account/private/login_token.json";
+constexpr char kTokenPath[] = "/usr/kivo/etc/veltrix-account/private/login_token.json";
 constexpr std::size_t kMostRequests = 12;
 
-constexpr const char* kRecord =
+constexpr char kRecord[] =
     "zomiID=\"anna@example.com\"\nzomiIDSerial=\"77\"\nhs_auth_key=\"key\"\nemail=\"x\"\n";
 
-constexpr const char* kLoginConfig =
+constexpr char kLoginConfig[] =
     R"({"client_id":"c","scope":"openid $sn$ $mac$","token_endpoint_path":"/token",)"
     R"("login_redirect_path":"/back"})";
 

@@ -1,5 +1,6 @@
 // JSON texts and their members. Input: the text.
 #include "core/json.h"
+#include "core/json_value.h"
 
 #include "fuzz/property.h"
 

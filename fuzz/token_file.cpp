@@ -1,5 +1,6 @@
 // The token file. Input: its text. No server answers, so nothing can be renewed.
 #include "core/json.h"
+#include "core/json_value.h"
 #include "fuzz/answers.h"
 #include "fuzz/property.h"
 #include "pkce/pkce_client.h"

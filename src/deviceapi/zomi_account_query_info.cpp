@@ -13,7 +13,7 @@
 #include "account/record_change.h"
 #include "account/user.h"
 #include "core/error_code.h"
-#include "core/json.h"
+#include "core/json_value.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
 #include "pkce/file_lock.h"

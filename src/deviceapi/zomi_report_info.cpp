@@ -8,7 +8,7 @@
 #include "account/server_info.h"
 #include "account/user.h"
 #include "core/error_code.h"
-#include "core/json.h"
+#include "core/json_value.h"
 #include "core/log.h"
 #include "core/platform_owner.h"
 #include "core/zomi_exception.h"

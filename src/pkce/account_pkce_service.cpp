@@ -18,7 +18,7 @@
 #include "base/atomic_replace.h"
 #include "core/error_code.h"
 #include "core/include/internal/json_utils.h"
-#include "core/json.h"
+#include "core/json_value.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
 #include "deviceapi/zomi_account_query_info.h"

@@ -12,6 +12,7 @@
 #include "core/include/internal/json_utils.h"
 #include "core/include/internal/string_utils.h"
 #include "core/json.h"
+#include "core/json_value.h"
 #include "core/log.h"
 #include "core/zomi_exception.h"
 #include "pkce/file_lock.h"

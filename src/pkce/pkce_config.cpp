@@ -5,6 +5,7 @@
 #include "account/server_info.h"
 #include "core/error_code.h"
 #include "core/json.h"
+#include "core/json_value.h"
 #include "core/zomi_exception.h"
 #include "platform/hos_service.h"
 

@@ -1,4 +1,5 @@
 #include "core/json.h"
+#include "core/json_value.h"
 
 #include <cstdint>
 #include <filesystem>
