@@ -1,4 +1,10 @@
 // The account flows of the device API for the object layer.
+//
+//   nodelink::AccountService service;
+//   service.onLoginWaits([] { std::puts("waiting for another login"); });
+//   service.login("anna@example.org", "correct horse");
+//   const Json::Value profile = service.query();
+//   std::puts(profile["full_name"].asString().c_str());
 #pragma once
 
 #include <json/value.h>

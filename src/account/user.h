@@ -1,5 +1,11 @@
 // The account record: the cloud account that this device is linked to, in a key-value file of
 // root's.
+//
+//   nodelink::User user;
+//   if (user.HasAccount()) {
+//     user.Set(nodelink::record::kNotifyLanguage, "ger");
+//     std::puts(user.Get(nodelink::record::kZomiId).c_str());
+//   }
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,10 @@
 // The account flows built on OAuth2 tokens: login, silent re-establishment, logout.
+//
+//   nodelink::AccountPkceServiceImpl account;
+//   const std::string token = account.GetAccessTokenWithRescue();
+//   std::printf("Authorization: Bearer %s\n", token.c_str());
+//   const Json::Value identity = account.ExchangeAuthKey(token);
+//   account.Logout(nodelink::AccessToken::kInclude);
 #pragma once
 
 #include <json/value.h>

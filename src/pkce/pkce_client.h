@@ -1,4 +1,10 @@
 // The OAuth2 tokens of one named client, in a JSON file of the client's own.
+//
+//   nodelink::PkceClient client("login");
+//   client.SetConfig(nodelink::LoadPkceLoginConfig());  // pkce/pkce_config.h
+//   if (client.HasToken()) {
+//     std::puts(client.GetIdToken().c_str());
+//   }
 #pragma once
 
 #include <json/value.h>
