@@ -24,7 +24,7 @@ void MakeDevice(const std::string& tokens);
 
 [[nodiscard]] std::string Record();
 [[nodiscard]] std::string Tokens();
-inline constexpr const char* kFirstTokens =
+inline constexpr char kFirstTokens[] =
     R"({"access_token":"a","id_token":"i","refresh_token":"r","created_at":1,"expires_in":1})";
 
 // Whether the record is as MakeDevice left it, or gone.

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* kPath = "/etc/cron.d/kivo-fuzz";
+constexpr char kPath[] = "/etc/cron.d/kivo-fuzz";
 constexpr std::size_t kHeaderLines = 3;
 constexpr std::size_t kScheduleFields = 5;
 

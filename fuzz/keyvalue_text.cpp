@@ -11,7 +11,7 @@ using hos_linux::FindValue;
 using hos_linux::MakeLine;
 using hos_linux::WithLine;
 
-constexpr const char* kFormat = "%s=\"%s\"\n";
+constexpr char kFormat[] = "%s=\"%s\"\n";
 
 void CheckFound(std::string_view text, std::string_view key, std::string_view separator) {
   const auto value = FindValue(text, key, separator);

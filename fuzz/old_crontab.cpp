@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* kPath = "/etc/crontab";
+constexpr char kPath[] = "/etc/crontab";
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;

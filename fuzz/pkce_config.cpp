@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kPath = "/tmp/client.conf";
+constexpr char kPath[] = "/tmp/client.conf";
 
 void CheckEndpoint(const Json::Value& config, const char* name, const std::string& host) {
   fuzz::Check(config[name].isString() && config[name].asString().starts_with(host),

@@ -14,7 +14,7 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kNull = "/dev/null";
+constexpr char kNull[] = "/dev/null";
 constexpr int kFirstOtherDescriptor = 3;
 constexpr int kSignalBase = 128;
 

@@ -24,10 +24,10 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kKeyFile = "/usr/kivo/etc/cloudservice/api_key";
-constexpr const char* kKeyFolder = "/usr/kivo/etc/cloudservice";
-constexpr const char* kRegisterPath = "/cloudservice/api/v1/apikey/register";
-constexpr const char* kProduct = "zomi";
+constexpr char kKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
+constexpr char kKeyFolder[] = "/usr/kivo/etc/cloudservice";
+constexpr char kRegisterPath[] = "/cloudservice/api/v1/apikey/register";
+constexpr char kProduct[] = "zomi";
 constexpr int kKeyBufferSize = 1024;
 constexpr std::size_t kLargestKeyFile = 4096;
 constexpr mode_t kKeyFolderMode = 0700;
@@ -85,7 +85,7 @@ std::optional<PostAnswer> AskProgram(const PostQuestion& question) {
   return answer;
 }
 
-Outcome Post(const std::string& url, const FormFields& fields) {
+Outcome AskForKey(const std::string& url, const PostFields& fields) {
   char agent[kAgentSize] = "";
   if (KLIBHsinfoUserAgentGet(kProduct, agent, kAgentSize) < 0) {
     return Failed(CloudError::kLocal, kInternal);
@@ -124,7 +124,7 @@ Outcome KeyInAnswer(const std::string& text) {
 }
 
 // A parser exception (nesting too deep) is a bad answer too.
-Outcome ParseAnswer(const std::string& text) {
+Outcome ReadApiKey(const std::string& text) {
   try {
     return KeyInAnswer(text);
   } catch (const Json::Exception&) {
@@ -144,9 +144,9 @@ Outcome RegisterKey() {
   const std::optional<std::string> mac = MacAddress();
   if (!base || !serial || !mac) return Failed(CloudError::kLocal, kNotFound);
   const std::string url = *base + kRegisterPath;
-  Outcome answer = Post(url, {{"serial_no", *serial}, {"mac", *mac}});
+  Outcome answer = AskForKey(url, {{"serial_no", *serial}, {"mac", *mac}});
   if (answer.error != CloudError::kNone) return answer;
-  Outcome key = ParseAnswer(answer.text);
+  Outcome key = ReadApiKey(answer.text);
   if (key.error != CloudError::kNone) LogFailure(url, "the answer holds no key");
   if (key.error == CloudError::kNone && !StoreKey(key.text)) key.error = CloudError::kLocal;
   return key;
@@ -196,24 +196,24 @@ int DropKey() {
 extern "C" {
 
 int KIVOHsinfoCloudServiceGetMacAddress(char* buffer, int size) {
-  if (buffer == nullptr || size < 1) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (buffer == nullptr || size < 1) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] {
     const std::optional<std::string> address = hos_linux::MacAddress();
-    if (!address) return hos_linux::Fail(hos_linux::kNotFound);
+    if (!address) return hos_linux::MinusOne(hos_linux::kNotFound);
     return hos_linux::CopyOut(*address, buffer, size);
   });
 }
 
 int KIVOCloudServiceGetApiKey(char* buffer, int register_missing) {
   return hos_linux::Guarded([=] {
-    if (buffer == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+    if (buffer == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
     return hos_linux::Give(hos_linux::StoredOrNewKey(register_missing == 1), buffer);
   });
 }
 
 int KIVOCloudServiceRegisterApiKey(char* buffer) {
   return hos_linux::Guarded([=] {
-    if (buffer == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+    if (buffer == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
     return hos_linux::Give(hos_linux::RegisterKey(), buffer);
   });
 }
@@ -222,7 +222,7 @@ int KIVOCloudServiceGetErrorCode(void) { return static_cast<int>(hos_linux::last
 
 int KIVOCloudServiceActionHandler(int action) {
   return hos_linux::Guarded([=] {
-    if (action != hos_linux::kDropKeyAction) return hos_linux::Fail(hos_linux::kBadArgument);
+    if (action != hos_linux::kDropKeyAction) return hos_linux::MinusOne(hos_linux::kBadArgument);
     return hos_linux::DropKey();
   });
 }

@@ -17,14 +17,14 @@ inline constexpr std::size_t kLargestAnswer = std::size_t{64} * 1024;  // the bo
 inline constexpr std::size_t kLongestPostAnswer = kLargestAnswer + 1024;
 inline constexpr std::chrono::seconds kPostTimeLimit{30};
 
-using FormFields = std::vector<std::pair<std::string, std::string>>;
+using PostFields = std::vector<std::pair<std::string, std::string>>;
 
 // To be posted, URL-escaped, to the https address `url` as the user agent `agent`, within
 // kPostTimeLimit. Redirects are not followed.
 struct PostQuestion {
   std::string url;
   std::string agent;
-  FormFields fields;
+  PostFields fields;
 };
 
 enum class PostEnd { kAnswered, kTooLarge, kBadRequest, kNoMemory, kNetworkFailed };

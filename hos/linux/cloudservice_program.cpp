@@ -32,7 +32,7 @@ std::string Escaped(CURL* curl, const std::string& text) {
   return escaped == nullptr ? "" : escaped.get();
 }
 
-std::string FormText(CURL* curl, const FormFields& fields) {
+std::string FormText(CURL* curl, const PostFields& fields) {
   std::string form;
   for (const auto& [name, value] : fields) {
     form += (form.empty() ? "" : "&") + name + "=" + Escaped(curl, value);
@@ -92,7 +92,7 @@ PostEnd EndOf(CURLcode result) {
   }
 }
 
-PostAnswer Post(const PostQuestion& question) {
+PostAnswer Perform(const PostQuestion& question) {
   const Curl curl(curl_easy_init(), curl_easy_cleanup);
   PostAnswer answer;
   if (curl == nullptr || !Prepare(curl.get(), question, answer.text)) {
@@ -112,7 +112,7 @@ PostAnswer Post(const PostQuestion& question) {
 std::string AnswerTo(const std::string& message) {
   const std::optional<PostQuestion> question = DecodePostQuestion(message);
   if (!question) std::_Exit(EXIT_FAILURE);
-  return Encode(Post(*question));
+  return Encode(Perform(*question));
 }
 
 }  // namespace

@@ -18,17 +18,17 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kListPrefix = "/etc/cron.d/kivo-";
-constexpr const char* kOldSchedule = "/etc/crontab";
-constexpr const char* kLockFolder = "/usr/kivo/var";
+constexpr char kListPrefix[] = "/etc/cron.d/kivo-";
+constexpr char kOldSchedule[] = "/etc/crontab";
+constexpr char kLockFolder[] = "/usr/kivo/var";
 constexpr mode_t kLockFolderMode = 0755;
-constexpr const char* kLock = "/usr/kivo/var/.cron.lock";  // of the writers of both
+constexpr char kLock[] = "/usr/kivo/var/.cron.lock";  // of the writers of both
 constexpr std::size_t kLongestName = 64;
 constexpr std::size_t kLongestUser = 32;
 constexpr std::size_t kLongestCommand = 990;  // cron cuts a command at 1000 bytes
 constexpr std::string_view kBlanks = " \t";
 
-constexpr const char* kHeader =
+constexpr char kHeader[] =
     "# Written by the platform's crond configuration; changes are overwritten.\n"
     "SHELL=/bin/sh\n"
     "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n";
@@ -216,7 +216,7 @@ bool ConfigManager::Remove() {
 extern "C" {
 
 int KIVOScheduleRemove(const char* command) {
-  if (command == nullptr || *command == '\0') return hos_linux::Fail(hos_linux::kBadArgument);
+  if (command == nullptr || *command == '\0') return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::RemoveFromOldSchedule(command); });
 }
 }

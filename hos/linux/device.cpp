@@ -17,10 +17,10 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kDeviceTreeSerial = "/proc/device-tree/serial-number";
-constexpr const char* kFirmwareSerial = "/sys/class/dmi/id/product_serial";
-constexpr const char* kInterfaces = "/sys/class/net";
-constexpr const char* kNoAddress = "00:00:00:00:00:00";
+constexpr char kDeviceTreeSerial[] = "/proc/device-tree/serial-number";
+constexpr char kFirmwareSerial[] = "/sys/class/dmi/id/product_serial";
+constexpr char kInterfaces[] = "/sys/class/net";
+constexpr char kNoAddress[] = "00:00:00:00:00:00";
 
 std::vector<std::string> InterfaceNames() {
   auto names = base::NamesIn(kInterfaces).value_or(std::vector<std::string>());
@@ -74,17 +74,17 @@ std::optional<std::string> MacAddress() {
 extern "C" {
 
 int KLIBGetSerialNumber(char* buffer, int size) {
-  if (buffer == nullptr || size < 1) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (buffer == nullptr || size < 1) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] {
     const std::optional<std::string> serial = hos_linux::SerialNumber();
-    if (!serial) return hos_linux::Fail(hos_linux::kNotFound);
+    if (!serial) return hos_linux::MinusOne(hos_linux::kNotFound);
     return hos_linux::CopyOut(*serial, buffer, size);
   });
 }
 
 int KLIBHsinfoUserAgentGet(const char* product, char* buffer, int size) {
   if (product == nullptr || buffer == nullptr || size < 1) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(
       -1, [=] { return hos_linux::CopyOut(hos_linux::UserAgent(product), buffer, size); });

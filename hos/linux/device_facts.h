@@ -7,7 +7,7 @@
 namespace hos_linux {
 
 // What the maker wrote about this device.
-inline constexpr const char* kDeviceFacts = "/etc.defaults/kivoinfo.conf";
+inline constexpr char kDeviceFacts[] = "/etc.defaults/kivoinfo.conf";
 
 [[nodiscard]] std::optional<std::string> SerialNumber();
 [[nodiscard]] std::optional<std::string> MacAddress();

@@ -34,7 +34,7 @@ TripleKeeper::~TripleKeeper() {
   if (restore_) last_error = {code_, file_, line_};
 }
 
-int Fail(int code, const char* file, int line) {
+int MinusOne(int code, const char* file, int line) {
   SetError(code, file, line);
   return -1;
 }

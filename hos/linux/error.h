@@ -7,7 +7,7 @@
 namespace hos_linux {
 
 // Failures that are not the operating system's; those keep their errno as code.
-enum ErrorCode : std::uint16_t {
+enum LibraryError : std::uint16_t {
   kBadArgument = 0x0100,
   kNotFound = 0x0101,
   kBadContent = 0x0102,
@@ -25,7 +25,8 @@ void SetError(int code, const char* file = __builtin_FILE(), int line = __builti
 void SetErrorFromErrno(const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 // The same, giving the -1 that most platform calls return.
-[[nodiscard]] int Fail(int code, const char* file = __builtin_FILE(), int line = __builtin_LINE());
+[[nodiscard]] int MinusOne(int code, const char* file = __builtin_FILE(),
+                           int line = __builtin_LINE());
 
 // The same, giving the false of the steps inside this library.
 [[nodiscard]] bool False(int code, const char* file = __builtin_FILE(),

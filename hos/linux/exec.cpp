@@ -33,7 +33,7 @@ int RunWithList(const char* path, va_list list) {
 extern "C" {
 
 int KLIBCExecl(const char* path, int flags, ...) {
-  if (path == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (path == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   va_list list;
   va_start(list, flags);
   const int result =

@@ -44,7 +44,7 @@ bool ReplaceLine(const std::string& path, std::string_view key, std::string_view
 
 int SetKeyValue(const char* path, const char* key, const char* value, const char* line_format) {
   const std::optional<std::string> line = MakeLine(line_format, key, value);
-  if (!line) return Fail(kBadArgument);
+  if (!line) return MinusOne(kBadArgument);
   return ReplaceLine(path, key, *line) ? 0 : -1;
 }
 
@@ -74,7 +74,7 @@ extern "C" {
 
 int KLIBCFileGetKeyValue(const char* path, const char* key, char* buffer, int size, int) {
   if (path == nullptr || key == nullptr || buffer == nullptr || size < 1) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   buffer[0] = '\0';
   return hos_linux::PlatformCall(-1,
@@ -84,7 +84,7 @@ int KLIBCFileGetKeyValue(const char* path, const char* key, char* buffer, int si
 int KLIBCFileSetKeyValue(const char* path, const char* key, const char* value,
                          const char* line_format) {
   if (path == nullptr || key == nullptr || value == nullptr || line_format == nullptr) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(
       -1, [=] { return hos_linux::SetKeyValue(path, key, value, line_format); });
@@ -92,7 +92,7 @@ int KLIBCFileSetKeyValue(const char* path, const char* key, const char* value,
 
 int KLIBCFileCheckKeyValue(const char* path, const char* key, const char* value, int) {
   if (path == nullptr || key == nullptr || value == nullptr) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::CheckKeyValue(path, key, value); });
 }
@@ -100,7 +100,7 @@ int KLIBCFileCheckKeyValue(const char* path, const char* key, const char* value,
 int KLIBCFileGetKeys(const char* path, KLIBCSZLIST* keys, KLIBCSZHASH* values,
                      const char* separator) {
   if (path == nullptr || keys == nullptr || values == nullptr || separator == nullptr) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(-1,
                                  [=] { return hos_linux::GetKeys(path, keys, values, separator); });

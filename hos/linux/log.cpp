@@ -12,7 +12,7 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kEventFile = "/usr/kivo/var/events.jsonl";
+constexpr char kEventFile[] = "/usr/kivo/var/events.jsonl";
 
 using Texts = std::array<const char*, 4>;
 
@@ -37,7 +37,7 @@ int KIVOLogSet1(int type, int level, unsigned int event, const char* text1, cons
                 const char* text3, const char* text4) {
   const hos_linux::Texts texts = {text1, text2, text3, text4};
   if (std::count(texts.begin(), texts.end(), nullptr) != 0) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(-1, [&] {
     const Json::Value record = hos_linux::EventRecord(type, level, event, texts);

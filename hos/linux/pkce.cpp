@@ -26,9 +26,9 @@ int kivo_challenge_verifier_no_save(char* challenge, size_t challenge_size, char
   using namespace hos_linux;
   if (challenge == nullptr || challenge_size < kTextSize || verifier == nullptr ||
       verifier_size < kTextSize) {
-    return Fail(kBadArgument);
+    return MinusOne(kBadArgument);
   }
-  if (sodium_init() < 0) return Fail(kInternal);
+  if (sodium_init() < 0) return MinusOne(kInternal);
   unsigned char bytes[kRandomBytes];
   randombytes_buf(bytes, sizeof bytes);
   EncodeTo(verifier, bytes);

@@ -25,7 +25,7 @@ struct KLIBPLUGIN {
 namespace hos_linux {
 namespace {
 
-constexpr const char* kPluginRoot = "/usr/kivo/lib/plugin";
+constexpr char kPluginRoot[] = "/usr/kivo/lib/plugin";
 constexpr std::chrono::seconds kTimeLimit{10};
 
 enum class FolderState { kOpen, kMissing, kRefused };
@@ -127,18 +127,18 @@ int RunAll(unsigned int number, const std::string& action) {
 extern "C" {
 
 int KLIBPluginSDKInit(const char* plugin, const char* action, KLIBPLUGIN** handle, KLIBPLUGIN**) {
-  if (handle == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (handle == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   *handle = nullptr;
-  if (plugin == nullptr || action == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (plugin == nullptr || action == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] {
-    if (!hos_linux::IsActionName(action)) return hos_linux::Fail(hos_linux::kBadArgument);
+    if (!hos_linux::IsActionName(action)) return hos_linux::MinusOne(hos_linux::kBadArgument);
     *handle = std::make_unique<KLIBPLUGIN>(KLIBPLUGIN{action}).release();
     return 0;
   });
 }
 
 int KLIBPluginAction(unsigned int number, KLIBPLUGIN* handle) {
-  if (handle == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (handle == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::RunAll(number, handle->action); });
 }
 

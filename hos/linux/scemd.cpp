@@ -11,7 +11,7 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kStatusFile = "/run/kivo/scemd.status";
+constexpr char kStatusFile[] = "/run/kivo/scemd.status";
 
 bool ParseState(std::string_view text, int& state) {
   int number = 0;
@@ -37,7 +37,7 @@ int GetStatus(int item, int& state) {
 extern "C" {
 
 int KIVOScemdStatusGet(int item, int* state) {
-  if (state == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (state == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::GetStatus(item, *state); });
 }
 }

@@ -11,7 +11,7 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kWhiteSpace = " \t\r\n\v\f";
+constexpr char kWhiteSpace[] = " \t\r\n\v\f";
 
 // Grows by half at least, so that a long text of many small pieces is not copied for each.
 bool Grow(char** buffer, std::size_t* size, std::size_t needed) {
@@ -31,10 +31,10 @@ extern "C" {
 
 int KLIBCStrCat(char** buffer, size_t* size, const char* text) {
   if (buffer == nullptr || *buffer == nullptr || size == nullptr || text == nullptr) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   const std::size_t length = strnlen(*buffer, *size);
-  if (length == *size) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (length == *size) return hos_linux::MinusOne(hos_linux::kBadArgument);
   const std::size_t added = std::strlen(text);
   if (!hos_linux::Grow(buffer, size, length + added + 1)) return -1;
   std::memcpy(*buffer + length, text, added + 1);
@@ -42,7 +42,7 @@ int KLIBCStrCat(char** buffer, size_t* size, const char* text) {
 }
 
 int KLIBCStrTrimSpace(char* text) {
-  if (text == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (text == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   const std::string_view whole(text);
   const std::size_t first = std::min(whole.find_first_not_of(hos_linux::kWhiteSpace), whole.size());
   const std::size_t length = whole.find_last_not_of(hos_linux::kWhiteSpace) + 1 - first;

@@ -11,7 +11,7 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kNotificationFile = "/usr/kivo/var/notifications.jsonl";
+constexpr char kNotificationFile[] = "/usr/kivo/var/notifications.jsonl";
 
 int Send(const char* tag, const KLIBCSZHASH& params) {
   Json::Value record;
@@ -28,7 +28,7 @@ int Send(const char* tag, const KLIBCSZHASH& params) {
 extern "C" {
 
 int KIVOSysNotifySendNotifiction(const char* tag, const KLIBCSZHASH* params) {
-  if (tag == nullptr || params == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (tag == nullptr || params == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::Send(tag, *params); });
 }
 }

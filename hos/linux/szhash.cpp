@@ -45,7 +45,7 @@ KLIBCSZHASH* KLIBCSzHashAlloc(int size) {
 
 int KLIBCSzHashSetValue(KLIBCSZHASH* hash, const char* key, const char* value) {
   if (hash == nullptr || key == nullptr || value == nullptr) {
-    return hos_linux::Fail(hos_linux::kBadArgument);
+    return hos_linux::MinusOne(hos_linux::kBadArgument);
   }
   return hos_linux::PlatformCall(-1, [=] {
     hos_linux::Set(*hash, key, value);
@@ -60,7 +60,7 @@ const char* KLIBCSzHashGetValue(const KLIBCSZHASH* hash, const char* key) {
 }
 
 int KLIBCSzHashEnumKey(const KLIBCSZHASH* hash, KLIBCSZLIST* keys) {
-  if (hash == nullptr || keys == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (hash == nullptr || keys == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::EnumKeys(*hash, keys);
 }
 

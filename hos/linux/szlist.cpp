@@ -20,7 +20,7 @@ KLIBCSZLIST* KLIBCSzListAlloc(int size) {
 }
 
 int KLIBCSzListPush(KLIBCSZLIST* list, const char* text) {
-  if (list == nullptr || text == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (list == nullptr || text == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] {
     list->texts.emplace_back(text);
     return static_cast<int>(list->texts.size()) - 1;

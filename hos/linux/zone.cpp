@@ -15,11 +15,11 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kZoneName = "/etc/timezone";
-constexpr const char* kZoneLink = "/etc/localtime";
+constexpr char kZoneName[] = "/etc/timezone";
+constexpr char kZoneLink[] = "/etc/localtime";
 constexpr std::string_view kZoneTable = "/usr/share/zoneinfo/";
 constexpr std::size_t kLargestZone = std::size_t{256} * 1024;
-constexpr const char* kZoneVariable = "TZ";
+constexpr char kZoneVariable[] = "TZ";
 
 std::optional<std::string> ZoneOfLink() {
   std::error_code error;
@@ -84,17 +84,17 @@ std::optional<std::string> UtcOffset(const std::string& zone) {
 
 int GetZone(char* buffer, int size, int* needed) {
   const std::optional<std::string> name = ZoneName();
-  if (!name) return Fail(kNotFound);
+  if (!name) return MinusOne(kNotFound);
   *needed = static_cast<int>(name->size()) + 1;
-  if (size < *needed) return Fail(kTooBig);
+  if (size < *needed) return MinusOne(kTooBig);
   CopyOut(*name, buffer, size);
   return 0;
 }
 
 int GetInfo(const std::string& zone, KLIBCSZHASH* info) {
-  if (!IsInTable(zone)) return Fail(kNotFound);
+  if (!IsInTable(zone)) return MinusOne(kNotFound);
   const std::optional<std::string> offset = UtcOffset(zone);
-  if (!offset) return Fail(kInternal);
+  if (!offset) return MinusOne(kInternal);
   if (KLIBCSzHashSetValue(info, "nameInTZDB", zone.c_str()) < 0) return -1;
   if (KLIBCSzHashSetValue(info, "utcOffset", offset->c_str()) < 0) return -1;
   return 2;
@@ -106,12 +106,12 @@ int GetInfo(const std::string& zone, KLIBCSZHASH* info) {
 extern "C" {
 
 int KIVOZoneGet(char* buffer, int size, int* needed) {
-  if (buffer == nullptr || needed == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (buffer == nullptr || needed == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::GetZone(buffer, size, needed); });
 }
 
 int KIVOZoneGetInfo(const char* zone, KLIBCSZHASH* info) {
-  if (zone == nullptr || info == nullptr) return hos_linux::Fail(hos_linux::kBadArgument);
+  if (zone == nullptr || info == nullptr) return hos_linux::MinusOne(hos_linux::kBadArgument);
   return hos_linux::PlatformCall(-1, [=] { return hos_linux::GetInfo(zone, info); });
 }
 }

@@ -71,7 +71,7 @@ bool ReadValues(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
 
 // `privileged` runs an operation with root's rights; false when they cannot be had.
 template <typename Privileged>
-int Read(AccountData& data, Privileged privileged) {
+int Read(Privileged privileged, AccountData& data) {
   const SzList keys(KLIBCSzListAlloc(kInitialSize));
   const SzHash values(KLIBCSzHashAlloc(kInitialSize));
   if (!keys || !values) {
@@ -94,11 +94,11 @@ int Read(AccountData& data, Privileged privileged) {
 }  // namespace
 
 int ReadAccountData(AccountData& data) {
-  return Read(data, [](auto operation) { return RunPrivileged(kSite, operation); });
+  return Read([](auto operation) { return RunPrivileged(kSite, operation); }, data);
 }
 
 int ReadAccountDataSilently(AccountData& data) {
-  return Read(data, [](auto operation) { return RunPrivilegedSilently(operation); });
+  return Read([](auto operation) { return RunPrivilegedSilently(operation); }, data);
 }
 
 int ReadLinkedAccountData(AccountData& data) {

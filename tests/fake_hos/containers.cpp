@@ -125,7 +125,7 @@ int KLIBCStrTrimSpace(char* text) {
   if (!platform().Enter("KLIBCStrTrimSpace", {Text(text)})) return -1;
   if (text == nullptr) return Failed(-1);
   const std::string whole(text);
-  constexpr const char* kSpace = " \t\r\n\v\f";
+  constexpr char kSpace[] = " \t\r\n\v\f";
   const std::size_t first = whole.find_first_not_of(kSpace);
   const std::string trimmed = first == std::string::npos
                                   ? ""

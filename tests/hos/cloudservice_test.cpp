@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr const char* kKeyFile = "/usr/kivo/etc/cloudservice/api_key";
-constexpr const char* kFacts = "/etc.defaults/kivoinfo.conf";
+constexpr char kKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
+constexpr char kFacts[] = "/etc.defaults/kivoinfo.conf";
 constexpr int kNetwork = 1;
 constexpr int kLocal = 3;
 

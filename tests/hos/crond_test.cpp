@@ -17,9 +17,9 @@
 
 namespace {
 
-constexpr const char* kList = "/etc/cron.d/kivo-zomi";
-constexpr const char* kFacts = "/etc.defaults/kivoinfo.conf";
-constexpr const char* kCrontab = "/etc/crontab";
+constexpr char kList[] = "/etc/cron.d/kivo-zomi";
+constexpr char kFacts[] = "/etc.defaults/kivoinfo.conf";
+constexpr char kCrontab[] = "/etc/crontab";
 
 Json::Value Job(const std::string& schedule, const std::vector<std::string>& words) {
   Json::Value job;
@@ -68,7 +68,7 @@ std::string AsCronReads(const std::string& command, Backslashes pair) {
   return out;
 }
 
-constexpr const char* kLock = "/usr/kivo/var/.cron.lock";
+constexpr char kLock[] = "/usr/kivo/var/.cron.lock";
 
 class Crond : public testing::Test {
  protected:

@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr const char* kFacts = "/etc.defaults/kivoinfo.conf";
-constexpr const char* kStatus = "/run/kivo/scemd.status";
+constexpr char kFacts[] = "/etc.defaults/kivoinfo.conf";
+constexpr char kStatus[] = "/run/kivo/scemd.status";
 constexpr int kSize = 256;
 
 std::string UserAgent() {

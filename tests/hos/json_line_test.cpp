@@ -17,8 +17,8 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kEvents = "/usr/kivo/var/events.jsonl";
-constexpr const char* kNotifications = "/usr/kivo/var/notifications.jsonl";
+constexpr char kEvents[] = "/usr/kivo/var/events.jsonl";
+constexpr char kNotifications[] = "/usr/kivo/var/notifications.jsonl";
 
 std::vector<Json::Value> Lines(const std::string& path) {
   std::vector<Json::Value> values;

@@ -6,7 +6,7 @@
 namespace platform_facts {
 namespace {
 
-constexpr const char* kFacts = "/etc.defaults/kivoinfo.conf";
+constexpr char kFacts[] = "/etc.defaults/kivoinfo.conf";
 
 }  // namespace
 

@@ -22,9 +22,9 @@
 namespace hos_linux {
 namespace {
 
-constexpr const char* kFolder = "/tmp/atomic";
-constexpr const char* kFile = "/tmp/atomic/record.conf";
-constexpr const char* kLineFormat = "%s=\"%s\"\n";
+constexpr char kFolder[] = "/tmp/atomic";
+constexpr char kFile[] = "/tmp/atomic/record.conf";
+constexpr char kLineFormat[] = "%s=\"%s\"\n";
 
 pid_t InChild(const std::function<int()>& work) {
   const pid_t child = fork();

@@ -36,8 +36,8 @@ namespace {
 
 namespace facts = platform_facts;
 
-constexpr const char* kLineFormat = "%s=\"%s\"\n";
-constexpr const char* kFile = "/tmp/contract/record.conf";
+constexpr char kLineFormat[] = "%s=\"%s\"\n";
+constexpr char kFile[] = "/tmp/contract/record.conf";
 constexpr int kSize = 256;
 
 using Hash = std::unique_ptr<KLIBCSZHASH, void (*)(KLIBCSZHASH*)>;

@@ -5,10 +5,10 @@
 
 namespace platform_facts {
 
-inline constexpr const char* kSerialNumber = "NL00000001A";
-inline constexpr const char* kMacAddress = "02:00:5e:10:00:01";
-inline constexpr const char* kUserAgentTail = "HOS/7.2.1 (NL224)";
-inline constexpr const char* kZone = "Europe/Zurich";
+inline constexpr char kSerialNumber[] = "NL00000001A";
+inline constexpr char kMacAddress[] = "02:00:5e:10:00:01";
+inline constexpr char kUserAgentTail[] = "HOS/7.2.1 (NL224)";
+inline constexpr char kZone[] = "Europe/Zurich";
 
 // A device with the facts above, nothing stored, nothing scheduled, no plug-ins.
 void GiveFacts();

@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr const char* kCron = "/usr/sbin/cron";
-constexpr const char* kPipe = "/tmp/words";
+constexpr char kCron[] = "/usr/sbin/cron";
+constexpr char kPipe[] = "/tmp/words";
 constexpr std::chrono::seconds kLongestWait{150};
 
 // `cron -f`, ended by the destructor.
