@@ -70,12 +70,21 @@ ProcessResult Device::LogIn(const std::vector<std::string>& options, const std::
 }
 
 void Device::StartWorkersBehind(const std::string& words) {
-  for (const char* worker : {kHttpWorker, kCloudWorker}) {
-    const std::string real = std::string(worker) + ".real";
-    if (!test_files::Exists(real)) {
-      std::filesystem::rename(worker, real);
-    }
-    test_files::Write(worker, "#!/bin/sh\nexec " + words + " " + real + "\n", 0755);
+  StartWorkerBehind(kHttpWorker, words);
+  StartWorkerBehind(kCloudWorker, words);
+}
+
+void Device::StartWorkerBehind(const std::string& worker, const std::string& words) {
+  const std::string real = worker + ".real";
+  if (!test_files::Exists(real)) {
+    std::filesystem::rename(worker, real);
+  }
+  test_files::Write(worker, "#!/bin/sh\nexec " + words + " " + real + "\n", 0755);
+}
+
+void Device::StartWorkerAlone(const std::string& worker) {
+  if (test_files::Exists(worker + ".real")) {
+    std::filesystem::rename(worker + ".real", worker);
   }
 }
 

@@ -23,6 +23,9 @@ inline constexpr char kPrivateFolder[] = "/usr/kivo/etc/veltrix-account/private"
 inline constexpr char kRecord[] = "/usr/kivo/etc/veltrix-account/private/user.conf";
 inline constexpr char kTokens[] = "/usr/kivo/etc/veltrix-account/private/login_token.json";
 inline constexpr char kApiKeyFile[] = "/usr/kivo/etc/cloudservice/api_key";
+inline constexpr char kApiKeyFolder[] = "/usr/kivo/etc/cloudservice";
+inline constexpr char kJobFolder[] = "/etc/cron.d";
+inline constexpr char kCrontab[] = "/etc/crontab";
 inline constexpr char kReportJob[] = "/etc/cron.d/kivo-zomi";
 inline constexpr char kNotices[] = "/usr/kivo/var/notifications.jsonl";
 inline constexpr char kEvents[] = "/usr/kivo/var/events.jsonl";
@@ -61,6 +64,9 @@ class Device {
   // Puts `words` (a shell's) before those with which the programs that talk to the network are
   // started: nothing of the caller's environment reaches them.
   static void StartWorkersBehind(const std::string& words);
+  static void StartWorkerBehind(const std::string& worker, const std::string& words);
+  // As it is installed again.
+  static void StartWorkerAlone(const std::string& worker);
 
   // What stands before a program's words to give it, and those that it starts, a clock that runs
   // `times` times as fast.

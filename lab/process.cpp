@@ -242,10 +242,12 @@ std::optional<std::string> BackgroundProcess::NextLine(std::string_view prefix) 
   }
 }
 
-std::string BackgroundProcess::WaitForLine(std::string_view prefix) {
+std::string BackgroundProcess::WaitForLine(std::string_view prefix,
+                                           std::optional<std::chrono::milliseconds> limit) {
   std::unique_lock lock(mutex_);
   std::optional<std::string> line;
-  changed_.wait_for(lock, time_limit_, [&] { return (line = NextLine(prefix)) || ended_; });
+  changed_.wait_for(lock, limit.value_or(time_limit_),
+                    [&] { return (line = NextLine(prefix)) || ended_; });
   if (line) return *line;
   throw std::runtime_error("no line \"" + std::string(prefix) + "\"" +
                            (ended_ ? " before the program's end" : " in time") +

@@ -61,8 +61,9 @@ class BackgroundProcess {
 
   // The next whole line of standard output, without its line break, that begins with `prefix`;
   // lines before it are passed over. Throws std::runtime_error, with what was printed so far, when
-  // the program ends or the time limit passes without one.
-  std::string WaitForLine(std::string_view prefix = {});
+  // the program ends or the time limit, or `limit` in its place, passes without one.
+  std::string WaitForLine(std::string_view prefix = {},
+                          std::optional<std::chrono::milliseconds> limit = {});
 
   // To its standard input. Throws std::system_error when it no longer reads.
   void Write(std::string_view text);
