@@ -1,274 +1,63 @@
-#include "lab/torture/interleavings.h"
-
+// Flows that meet: each is paused at each of its requests, another one runs meanwhile, and then the
+// answer comes.
+//
+// A case is "FLOW REQUEST OTHER": the answer to REQUEST of FLOW is held while OTHER runs to its
+// end, or until it waits for a lock that FLOW holds; then the answer is released, both end, and the
+// device is checked.
 #include <fcntl.h>
 #include <sys/file.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <memory>
+#include <cstring>
 #include <optional>
 #include <stdexcept>
 
 #include "base/unique_fd.h"
-#include "lab/browser.h"
+#include "lab/torture/kind.h"
 #include "lab/torture/lock_watch.h"
 #include "lab/torture/world.h"
 
 namespace torture {
 namespace {
 
-using Kind = Command::Kind;
-
-constexpr char kLogin[] = "/usr/kivo/etc/veltrix-account/private/.login.lock";
-constexpr char kQuery[] = "/tmp/account_query_info.lock";
-constexpr char kGet[] = "/tmp/account_login_get_token.lock";
-constexpr char kRenew[] = "/tmp/account_login_renew_token.lock";
-constexpr char kExchange[] = "/tmp/account_login_exchange_token.lock";
-
-// A request that a flow can be paused at, and the locks that the flow holds meanwhile.
-struct Request {
-  const char* name;
-  const char* path;
-  std::vector<const char*> locks = {};
-  int skip = 0;  // requests of that path before it
-};
-
-// What the server says in the place of its own answer to a flow's first request of the path.
-struct Said {
-  const char* path;
-  int status;
-  const char* body;
-};
-
-struct Flow {
-  const char* name;
-  Command command;
-  void (*prepare)(World&);
-  std::vector<Said> said;
-  std::vector<Request> requests;
-};
-
-constexpr Said kLogoutIsGood{lab::kLogoutPath, 200, R"({"code":"good"})"};
-
-void Unlinked(World&) {}
-
-void Linked(World& world) { world.Link(kAnna); }
-
-void LinkedWithAnOldSchedule(World& world) {
-  world.Link(kAnna);
-  World::SetRecordValue("report_cron_timestring", "1 2 * * 3");
-}
-
-void LinkedWithAnOldProfile(World& world) {
-  world.Link(kAnna);
-  World::AgeProfile();
-}
-
-void LinkedWithoutTokens(World& world) {
-  world.Link(kAnna);
-  test_files::Remove(lab::kTokens);
-}
-
-void LinkedWithExpiredTokens(World& world) {
-  world.Link(kAnna);
-  World::ExpireTokens();
-}
-
-void LinkedWithRevokedTokens(World& world) {
-  LinkedWithExpiredTokens(world);
-  world.RevokeTokens();
-}
-
-template <void (*Prepare)(World&)>
-void EndedAtTheServer(World& world) {
-  Prepare(world);
-  world.EndLinkAtServer();
-}
-
-const std::vector<Flow>& Flows() {
-  static const std::vector<Flow> flows = {
-      {"report", {Kind::kReport}, LinkedWithAnOldSchedule, {}, {{"report", lab::kReportPath}}},
-      {"report_refused",
-       {Kind::kReport},
-       EndedAtTheServer<Linked>,
-       {kLogoutIsGood},
-       {{"report", lab::kReportPath}, {"logout", lab::kLogoutPath}}},
-      {"report_refused_with_renewal",
-       {Kind::kReport},
-       EndedAtTheServer<LinkedWithExpiredTokens>,
-       {kLogoutIsGood},
-       {{"renewal", lab::kTokenPath, {kGet, kRenew}}}},
-      {"report_not_found",
-       {Kind::kReport},
-       EndedAtTheServer<Linked>,
-       {{lab::kReportPath, 200, R"({"code":"account_not_found"})"}, kLogoutIsGood},
-       {{"report", lab::kReportPath}, {"logout", lab::kLogoutPath}}},
-      {"query", {Kind::kQuery}, LinkedWithAnOldProfile, {}, {{"query", lab::kQueryPath, {kQuery}}}},
-      {"query_refused",
-       {Kind::kQuery},
-       EndedAtTheServer<LinkedWithAnOldProfile>,
-       {},
-       {{"query", lab::kQueryPath, {kQuery}}}},
-      {"renewal",
-       {Kind::kReport},
-       LinkedWithExpiredTokens,
-       {},
-       {{"renewal", lab::kTokenPath, {kGet, kRenew}}}},
-      {"grant",
-       {Kind::kReport},
-       LinkedWithoutTokens,
-       {},
-       {{"grant", lab::kGrantPath}, {"exchange", lab::kTokenPath, {kExchange}}}},
-      {"rescue",
-       {Kind::kReport},
-       LinkedWithRevokedTokens,
-       {},
-       {{"renewal", lab::kTokenPath, {kGet, kRenew}},
-        {"grant", lab::kGrantPath},
-        {"exchange", lab::kTokenPath, {kExchange}, 1}}},
-      {"rescue_refused",
-       {Kind::kReport},
-       EndedAtTheServer<LinkedWithRevokedTokens>,
-       {{lab::kReportPath, 200, R"({"code":"good"})"}, kLogoutIsGood},
-       {{"renewal", lab::kTokenPath, {kGet, kRenew}},
-        {"grant", lab::kGrantPath},
-        {"logout", lab::kLogoutPath}}},
-      {"logout", {Kind::kLogout}, Linked, {}, {{"logout", lab::kLogoutPath}}},
-      {"logout_with_renewal",
-       {Kind::kLogout},
-       LinkedWithExpiredTokens,
-       {},
-       {{"renewal", lab::kTokenPath, {kGet, kRenew}}, {"logout", lab::kLogoutPath}}},
-      {"password_login",
-       {Kind::kPasswordLogin, &kAnna},
-       Unlinked,
-       {},
-       {{"register", lab::kRegisterPath, {kLogin}},
-        {"login", lab::kPasswordLoginPath, {kLogin}},
-        {"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"password_login_again",
-       {Kind::kPasswordLogin, &kAnna},
-       LinkedWithAnOldProfile,
-       {},
-       {{"login", lab::kPasswordLoginPath, {kLogin}},
-        {"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"password_login_other",
-       {Kind::kPasswordLogin, &kBen},
-       Linked,
-       {},
-       {{"login", lab::kPasswordLoginPath, {kLogin}},
-        {"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"browser_login",
-       {Kind::kBrowserLogin, &kAnna},
-       Unlinked,
-       {},
-       {{"exchange", lab::kTokenPath, {kLogin, kExchange}},
-        {"identity", lab::kExchangePath, {kLogin}},
-        {"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"browser_login_other",
-       {Kind::kBrowserLogin, &kBen},
-       Linked,
-       {},
-       {{"exchange", lab::kTokenPath, {kLogin, kExchange}},
-        {"identity", lab::kExchangePath, {kLogin}},
-        {"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"browser_login_failing",
-       {Kind::kBrowserLogin, &kBen},
-       Linked,
-       {{lab::kQueryPath, 500, "busy"}},
-       {{"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-      {"browser_login_refused",
-       {Kind::kBrowserLogin, &kBen},
-       Linked,
-       {{lab::kQueryPath, 200, R"({"code":"badauth"})"}},
-       {{"profile", lab::kQueryPath, {kLogin, kQuery}}}},
-  };
-  return flows;
-}
+using lab::Command;
+using lab::Person;
 
 struct Other {
   const char* name;
   Command command;
 };
 
-constexpr std::array kOthers = {
-    Other{"logout", {Kind::kLogout}},
-    Other{"password_login_same", {Kind::kPasswordLogin, &kAnna}},
-    Other{"password_login_other", {Kind::kPasswordLogin, &kCarla}},
-    Other{"browser_login", {Kind::kBrowserLogin, &kCarla}},
-    Other{"report", {Kind::kReport}},
-    Other{"query", {Kind::kQuery}},
-    Other{"update", {Kind::kUpdate}},
-};
+const std::vector<Other>& Others() {
+  static const std::vector<Other> others = {
+      {"logout", lab::Logout()},
+      {"password_login_same", lab::PasswordLogin(lab::kAnna)},
+      {"password_login_other", lab::PasswordLogin(lab::kCarla)},
+      {"browser_login", lab::BrowserLogin(lab::kCarla)},
+      {"report", lab::Report()},
+      {"query", lab::Query()},
+      {"update", lab::Update()},
+  };
+  return others;
+}
 
 struct Case {
-  const Flow& flow;
-  const Request& request;
+  const lab::Flow& flow;
+  const lab::Request& request;
   const Other& other;
 
   [[nodiscard]] std::string Name() const {
-    return std::string(flow.name) + " " + request.name + " " + other.name;
+    return flow.name + " " + request.name + " " + other.name;
   }
 };
 
-std::vector<Case> Cases() {
+std::vector<Case> CasesOf(const lab::Flow& flow) {
   std::vector<Case> cases;
-  for (const Flow& flow : Flows()) {
-    for (const Request& request : flow.requests) {
-      for (const Other& other : kOthers) cases.push_back({flow, request, other});
-    }
+  for (const lab::Request& request : flow.requests) {
+    for (const Other& other : Others()) cases.push_back({flow, request, other});
   }
   return cases;
-}
-
-// --- Programs under way.
-
-using Program = std::unique_ptr<lab::BackgroundProcess>;
-
-Program StartNodelink(const char* option, std::vector<std::string> words) {
-  words.insert(words.end(), {lab::kProgram, option});
-  return std::make_unique<lab::BackgroundProcess>(words);
-}
-
-Program StartPasswordLogin(const Person& person, std::vector<std::string> words) {
-  words.insert(words.end(), {lab::kLoginProgram, "--password", person.email});
-  return std::make_unique<lab::BackgroundProcess>(
-      words, lab::ProcessOptions{.stdin_text = std::string(person.password) + "\n"});
-}
-
-Program StartBrowserLogin(const Person& person, std::vector<std::string> words) {
-  words.insert(words.end(), {lab::kLoginProgram, "--browser"});
-  auto login = std::make_unique<lab::BackgroundProcess>(words);
-  login->Write(lab::SignIn(login->WaitForLine("https://"), person.email, person.password) + "\n");
-  return login;
-}
-
-Program StartKind(const Command& command, const std::vector<std::string>& prefix) {
-  switch (command.kind) {
-    case Kind::kReport:
-      return StartNodelink("--report_info", prefix);
-    case Kind::kQuery:
-      return StartNodelink("--query_account", prefix);
-    case Kind::kLogout:
-      return StartNodelink("--logout", prefix);
-    case Kind::kUpdate:
-      return StartNodelink("--update", prefix);
-    case Kind::kPasswordLogin:
-      return StartPasswordLogin(*command.person, prefix);
-    case Kind::kBrowserLogin:
-      return StartBrowserLogin(*command.person, prefix);
-  }
-  throw std::logic_error("no such command");
-}
-
-// A login by browser has been told where the browser was sent to.
-Program Start(const Command& command, const std::vector<std::string>& prefix = {}) {
-  Program program = StartKind(command, prefix);
-  program->CloseStdin();
-  return program;
 }
 
 // --- What happened, and whether it is right.
@@ -279,7 +68,7 @@ struct Ended {
   bool succeeded = false;
 
   [[nodiscard]] bool is_login() const { return succeeded && command.is_login(); }
-  [[nodiscard]] bool is_logout() const { return succeeded && command.is_logout(); }
+  [[nodiscard]] bool is_logout() const { return succeeded && command.ends_link; }
 };
 
 struct Meeting {
@@ -290,16 +79,16 @@ struct Meeting {
   std::size_t notices = 0;                // when the other one had ended, or began to wait
 };
 
-class Checks {
+class MeetingChecks {
  public:
-  Checks(World& world, const Case& what, const Meeting& meeting)
-      : world_(world), case_(what), meeting_(meeting) {}
+  MeetingChecks(World& world, const Case& what, const Meeting& meeting, Report& report)
+      : world_(world), case_(what), meeting_(meeting), report_(report) {}
 
-  // How many promises are broken; each is said on standard output.
-  int Run();
+  void Run();
 
  private:
-  void Finding(const std::string& text);
+  [[nodiscard]] std::string Place() const;
+  void Finding(const std::string& text) { report_.Finding(text); }
   void CheckWhatAlwaysHolds();
   void CheckEnds();
   void CheckWait();
@@ -320,7 +109,7 @@ class Checks {
   World& world_;
   const Case& case_;
   const Meeting& meeting_;
-  int findings_ = 0;
+  Report& report_;
 };
 
 std::string Shown(const Ended& ended) {
@@ -328,15 +117,15 @@ std::string Shown(const Ended& ended) {
          ended.result.err.substr(0, 80) + "'";
 }
 
-void Checks::Finding(const std::string& text) {
-  ++findings_;
-  std::printf("FINDING  %s\n         %s\n         paused: %s, other: %s%s\n", case_.Name().c_str(),
-              text.c_str(), Shown(meeting_.paused).c_str(), Shown(meeting_.other).c_str(),
-              meeting_.waited_for ? (", waited for " + *meeting_.waited_for).c_str() : "");
-  for (const std::string& line : world_.Log()) std::printf("           %s\n", line.c_str());
+std::string MeetingChecks::Place() const {
+  std::string place = "paused: " + Shown(meeting_.paused) + ", other: " + Shown(meeting_.other);
+  if (meeting_.waited_for) place += ", waited for " + *meeting_.waited_for;
+  for (const std::string& line : world_.Log()) place += "\n           " + line;
+  return place;
 }
 
-int Checks::Run() {
+void MeetingChecks::Run() {
+  report_.SetPlace(Place());
   CheckWhatAlwaysHolds();
   CheckEnds();
   CheckWait();
@@ -344,10 +133,9 @@ int Checks::Run() {
   CheckTokens();
   CheckEnd();
   CheckSchedule();
-  return findings_;
 }
 
-void Checks::CheckWhatAlwaysHolds() {
+void MeetingChecks::CheckWhatAlwaysHolds() {
   if (!Value("zomiID").empty() && Value("hs_auth_key").empty()) {
     Finding("the record has a zomiID and no hs_auth_key");
   }
@@ -356,13 +144,13 @@ void Checks::CheckWhatAlwaysHolds() {
   }
 }
 
-void Checks::CheckEnds() {
+void MeetingChecks::CheckEnds() {
   for (const Ended* ended : {&meeting_.paused, &meeting_.other}) {
     if (ended->result.timed_out || ended->result.signal != 0) Finding("a program did not end well");
   }
 }
 
-void Checks::CheckWait() {
+void MeetingChecks::CheckWait() {
   const auto& locks = case_.request.locks;
   if (meeting_.waited_for && std::none_of(locks.begin(), locks.end(), [this](const char* lock) {
         return *meeting_.waited_for == lock;
@@ -371,8 +159,8 @@ void Checks::CheckWait() {
   }
 }
 
-void Checks::CheckNothingIsLeft() {
-  for (const char* folder : {lab::kPrivateFolder, "/etc/cron.d", "/usr/kivo/etc/cloudservice"}) {
+void MeetingChecks::CheckNothingIsLeft() {
+  for (const char* folder : {lab::kPrivateFolder, lab::kJobFolder, lab::kApiKeyFolder}) {
     for (const std::string& name : test_files::NamesIn(folder)) {
       const std::string path = std::string(folder) + "/" + name;
       if (name.starts_with('.') && !name.ends_with(".lock")) Finding("left behind: " + path);
@@ -383,18 +171,18 @@ void Checks::CheckNothingIsLeft() {
   }
 }
 
-bool Checks::IsSameLinkAgain() const {
+bool MeetingChecks::IsSameLinkAgain() const {
   const auto now = world_.ServerLink();
   const auto& before = meeting_.link_before;
-  return before &&
-         ((now && now->auth_key == before->auth_key) || (meeting_.other.command.person == &kAnna));
+  return before && ((now && now->auth_key == before->auth_key) ||
+                    (meeting_.other.command.person == &lab::kAnna));
 }
 
 // A login by browser that failed late leaves its tokens, as it says.
-void Checks::CheckTokens() {
+void MeetingChecks::CheckTokens() {
   const auto owner = world_.OwnerOfTokens();
   const auto is_failed_browser_login = [](const Ended& ended) {
-    return ended.command.kind == Kind::kBrowserLogin && !ended.succeeded;
+    return ended.command.by_browser && !ended.succeeded;
   };
   if (!owner || is_failed_browser_login(meeting_.paused) ||
       is_failed_browser_login(meeting_.other)) {
@@ -405,7 +193,7 @@ void Checks::CheckTokens() {
 
 // The last of the two that changed the link decides; who is the last when one waited for the other,
 // nobody can say.
-void Checks::CheckEnd() {
+void MeetingChecks::CheckEnd() {
   const Ended& paused = meeting_.paused;
   const Ended& other = meeting_.other;
   const bool waited = meeting_.waited_for.has_value();
@@ -425,12 +213,12 @@ void Checks::CheckEnd() {
     CheckLastWord(paused);
   } else if (logged_out) {
     CheckUnlinked();
-  } else if (paused.command.is_login() && !other.command.is_logout()) {
+  } else if (paused.command.is_login() && !other.command.ends_link) {
     CheckUnchanged();
   }
 }
 
-void Checks::CheckUnlinked() {
+void MeetingChecks::CheckUnlinked() {
   for (const char* key : {"zomiID", "zomiIDSerial", "hs_auth_key"}) {
     if (!Value(key).empty()) Finding(std::string("after a logout the record has ") + key);
   }
@@ -439,7 +227,7 @@ void Checks::CheckUnlinked() {
   if (World::Notices() != meeting_.notices) Finding("administrators were notified after a logout");
 }
 
-void Checks::CheckLinked(const Ended& login) {
+void MeetingChecks::CheckLinked(const Ended& login) {
   const Person& person = *login.command.person;
   const auto link = world_.ServerLink();
   if (Value("zomiIDSerial") != world_.UserIdOf(person)) {
@@ -449,13 +237,13 @@ void Checks::CheckLinked(const Ended& login) {
     Finding("the record's link is not the one that the server holds");
   }
   if (Value("zomiID") != person.email) Finding("the record has another account's profile");
-  if (login.command.kind == Kind::kPasswordLogin && !test_files::Exists(lab::kReportJob)) {
+  if (!login.command.by_browser && !test_files::Exists(lab::kReportJob)) {
     Finding("after a login by password there is no report job");
   }
 }
 
 // Nothing came after the login that was against it.
-void Checks::CheckLastWord(const Ended& login) {
+void MeetingChecks::CheckLastWord(const Ended& login) {
   const std::vector<std::string> calls = World::PlugInCalls();
   const auto last_login = std::find(calls.rbegin(), calls.rend(), "login 5");
   if (std::find(calls.rbegin(), last_login, "logout 4") != last_login) {
@@ -473,7 +261,7 @@ void Checks::CheckLastWord(const Ended& login) {
   }
 }
 
-void Checks::CheckUnchanged() {
+void MeetingChecks::CheckUnchanged() {
   const auto& before = meeting_.link_before;
   if (Value("zomiIDSerial") != (before ? before->user_id : "") ||
       Value("hs_auth_key") != (before ? before->auth_key : "")) {
@@ -483,13 +271,13 @@ void Checks::CheckUnchanged() {
 
 // A report that succeeded beside a login that failed has stored what the server gave to the link
 // that it found.
-void Checks::CheckSchedule() {
+void MeetingChecks::CheckSchedule() {
   const Ended& other = meeting_.other;
-  if (other.command.kind != Kind::kReport || !other.succeeded || meeting_.paused.succeeded ||
+  if (other.command.name != lab::Report().name || !other.succeeded || meeting_.paused.succeeded ||
       !meeting_.paused.command.is_login() || meeting_.waited_for) {
     return;
   }
-  if (Value("report_cron_timestring") != kBen.schedule) {
+  if (Value("report_cron_timestring") != lab::kBen.schedule) {
     Finding("the schedule that a report stored is lost");
   }
 }
@@ -497,20 +285,21 @@ void Checks::CheckSchedule() {
 // --- One case.
 
 void AddFaults(World& world, const Case& what) {
-  for (const Said& said : what.flow.said) {
-    if (said.path == std::string(what.request.path)) continue;
-    world.cloud().faults().Add(
-        {.path = said.path, .count = 1, .status = said.status, .body = said.body});
-  }
   devcloud::FaultRule pause{
       .path = what.request.path, .skip = what.request.skip, .count = 1, .hold = true};
-  for (const Said& said : what.flow.said) {
-    if (said.path != std::string(what.request.path)) continue;
-    pause.status = said.status;
-    pause.body = said.body;
+  for (const lab::Said& said : what.flow.said) {
+    if (std::strcmp(said.path, what.request.path) == 0) {
+      pause.status = said.status;
+      pause.body = said.body;
+    } else {
+      world.cloud().faults().Add(
+          {.path = said.path, .count = 1, .status = said.status, .body = said.body});
+    }
   }
   world.cloud().faults().Add(pause);
 }
+
+using Program = std::unique_ptr<lab::BackgroundProcess>;
 
 Program StartAndPause(World& world, const Case& what) {
   AddFaults(world, what);
@@ -521,15 +310,15 @@ Program StartAndPause(World& world, const Case& what) {
   return program;
 }
 
-Ended End(const Command& command, lab::BackgroundProcess& program) {
+Ended AwaitEnd(const Command& command, lab::BackgroundProcess& program) {
   Ended ended{command, program.Wait()};
-  ended.succeeded = command.Succeeded(ended.result);
+  ended.succeeded = command.good.Fits(ended.result);
   return ended;
 }
 
 Meeting Meet(World& world, const Case& what) {
   Meeting meeting;
-  what.flow.prepare(world);
+  world.Prepare(what.flow);
   if (World::RecordValue("zomiIDSerial")) {
     meeting.link_before = devcloud::Link{.serial = lab::kSerial,
                                          .user_id = *World::RecordValue("zomiIDSerial"),
@@ -539,41 +328,70 @@ Meeting Meet(World& world, const Case& what) {
   LockWatch watch;
   const Program other = Start(what.other.command, watch.Prefix());
   meeting.waited_for = watch.WaitForBusyLock(other->pid());
-  if (!meeting.waited_for) meeting.other = End(what.other.command, *other);
+  if (!meeting.waited_for) meeting.other = AwaitEnd(what.other.command, *other);
   meeting.notices = World::Notices();
   world.cloud().held().ReleaseAll();
-  meeting.paused = End(what.flow.command, *paused);
-  if (meeting.waited_for) meeting.other = End(what.other.command, *other);
+  meeting.paused = AwaitEnd(what.flow.command, *paused);
+  if (meeting.waited_for) meeting.other = AwaitEnd(what.other.command, *other);
   return meeting;
 }
 
-World& TheWorld() {
-  static World world;
-  return world;
-}
+class Interleavings : public Kind {
+ public:
+  explicit Interleavings(Report& report) : Kind(report) { World::InstallPlugIns(); }
+
+  std::vector<std::string> Flows() override {
+    std::vector<std::string> names;
+    for (const lab::Flow& flow : lab::Flows()) {
+      if (!flow.requests.empty()) names.push_back(flow.name);
+    }
+    return names;
+  }
+
+  std::vector<std::string> Cases(const std::string& flow, const Selection& selection) override {
+    std::vector<std::string> names;
+    ForEachCase([&](const Case& what) {
+      if (what.flow.name == flow && selection.Takes(what.Name())) names.push_back(what.Name());
+    });
+    return names;
+  }
+
+  void RunCase(const std::string& name) override {
+    bool found = false;
+    ForEachCase([&](const Case& what) {
+      if (what.Name() != name) return;
+      found = true;
+      Run(what);
+    });
+    if (!found) throw std::runtime_error("no such case: " + name);
+  }
+
+ private:
+  template <typename Function>
+  static void ForEachCase(Function function) {
+    for (const lab::Flow& flow : lab::Flows()) {
+      for (const Case& what : CasesOf(flow)) function(what);
+    }
+  }
+
+  void Run(const Case& what) {
+    world_.Reset();
+    const Meeting meeting = Meet(world_, what);
+    report().Add(Count::kInterleavings);
+    if (meeting.waited_for) {
+      report().Add(Count::kWaits);
+      std::printf("WAITS    %s for %s\n", what.Name().c_str(), meeting.waited_for->c_str());
+    }
+    MeetingChecks(world_, what, meeting, report()).Run();
+  }
+
+  World world_;
+};
 
 }  // namespace
 
-std::vector<std::string> InterleavingCases() {
-  std::vector<std::string> names;
-  for (const Case& what : Cases()) names.push_back(what.Name());
-  return names;
-}
-
-void RunInterleaving(const std::string& name, InterleavingCounts& counts) {
-  const std::vector<Case> cases = Cases();
-  const auto what = std::find_if(cases.begin(), cases.end(),
-                                 [&name](const Case& one) { return one.Name() == name; });
-  if (what == cases.end()) throw std::runtime_error("no such case: " + name);
-  World& world = TheWorld();
-  world.Reset();
-  const Meeting meeting = Meet(world, *what);
-  ++counts.interleavings;
-  if (meeting.waited_for) {
-    ++counts.waits;
-    std::printf("WAITS    %s for %s\n", name.c_str(), meeting.waited_for->c_str());
-  }
-  counts.findings += Checks(world, *what, meeting).Run();
+std::unique_ptr<Kind> MakeInterleavings(Report& report) {
+  return std::make_unique<Interleavings>(report);
 }
 
 }  // namespace torture

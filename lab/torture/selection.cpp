@@ -15,10 +15,14 @@ unsigned long Hash(const std::string& name) {
 
 }  // namespace
 
-bool Selection::Includes(const std::string& name) const {
-  const std::string flow = name.substr(0, name.find(' '));
-  if (!flows.empty() && std::find(flows.begin(), flows.end(), flow) == flows.end()) return false;
-  return Hash(name) % shares == share && Hash(name) / shares % every == 0;
+bool Selection::TakesFlow(const std::string& flow) const {
+  return flows.empty() || std::find(flows.begin(), flows.end(), flow) != flows.end();
+}
+
+bool Selection::IsShared(const std::string& name) const { return Hash(name) % shares == share; }
+
+bool Selection::IsSampled(const std::string& name, unsigned long step) const {
+  return Hash(name) / shares % (every * step) == 0;
 }
 
 }  // namespace torture
