@@ -118,9 +118,7 @@ Request ProfileRequest() {
   return {.name = "profile", .path = kQueryPath, .locks = {kLoginLock, kQueryLock}};
 }
 
-std::vector<Request> BrowserRequests() {
-  const Unreached unreached{.out = "Open this address",
-                            .err = "nodelink-login: Failed to get the response (code 5)\n"};
+std::vector<Request> BrowserRequests(const std::optional<Unreached>& unreached = {}) {
   return {{"exchange", kTokenPath, {kLoginLock, kExchangeLock}, 0, unreached},
           {"identity", kExchangePath, {kLoginLock}, 0, unreached},
           ProfileRequest()};
@@ -240,7 +238,9 @@ const std::vector<Flow>& Flows() {
       {.name = "browser_login_other",
        .command = BrowserLogin(kBen),
        .stored = Stored::kLink,
-       .requests = BrowserRequests()},
+       .requests = BrowserRequests(
+           Unreached{.out = "Open this address",
+                     .err = "nodelink-login: Failed to get the response (code 5)\n"})},
       {.name = "browser_login_failing",
        .command = BrowserLogin(kBen),
        .stored = Stored::kLink,

@@ -46,8 +46,8 @@ class BadServerTest : public HttpsFlowTest {
     const std::size_t connections = bad_.server().connections();
     const auto result = RunFlow();
     ExpectFailure(result);
-    EXPECT_THAT(result.out, StartsWith(GetParam().unreached_out));
-    EXPECT_THAT(result.err, StartsWith(GetParam().unreached_err));
+    EXPECT_THAT(result.out, StartsWith(GetParam().unreached().out));
+    EXPECT_THAT(result.err, StartsWith(GetParam().unreached().err));
     EXPECT_GT(bad_.server().connections(), connections);
     EXPECT_THAT(bad_.server().requests(), IsEmpty());
     EXPECT_EQ(State(), before);
@@ -56,8 +56,8 @@ class BadServerTest : public HttpsFlowTest {
 
   void ExpectLogged(int curl_code) {
     std::vector<testing::Matcher<std::string>> lines;
-    lines.reserve(GetParam().unreached_log.size());
-    for (const std::string& line : GetParam().unreached_log) {
+    lines.reserve(GetParam().unreached().log.size());
+    for (const std::string& line : GetParam().unreached().log) {
       const bool senders = line.ends_with("code=");
       lines.emplace_back(StartsWith(senders ? line + std::to_string(curl_code) : line));
     }
@@ -92,7 +92,7 @@ TEST_P(BadServerTest, AGoodOneInItsPlaceIsAsked) {
     bad_.SetAnswer({.status = 500, .body = "no"});
     ExpectFailure(RunFlow());
     ASSERT_THAT(bad_.server().requests(), SizeIs(1));
-    EXPECT_EQ(bad_.server().requests()[0].path, GetParam().path);
+    EXPECT_EQ(bad_.server().requests()[0].path, GetParam().request.path);
   }
 }
 
@@ -104,9 +104,9 @@ TEST_P(BadServerTest, ADowngradeIsNotFollowed) {
     SCOPED_TRACE(status);
     Prepare();
     const std::string before = State();
-    bad_.SetAnswer(
-        {.status = status,
-         .headers = {{"Location", std::string("http://") + GetParam().host + GetParam().path}}});
+    bad_.SetAnswer({.status = status,
+                    .headers = {{"Location", std::string("http://") + GetParam().request.host() +
+                                                 GetParam().request.path}}});
     ExpectFailure(RunFlow());
     EXPECT_EQ(State(), before);
   }
@@ -124,15 +124,14 @@ TEST_P(BadServerTest, AnotherHostGetsNoSecret) {
         {.status = status, .headers = {{"Location", "https://payment.veltrix.example/elsewhere"}}});
     ExpectFailure(RunFlow());
     for (const devcloud::LogEntry& entry : Requests("/elsewhere")) {
-      EXPECT_EQ(GetParam().transport, Transport::kDeviceApi);
+      EXPECT_EQ(GetParam().request.transport(), lab::Transport::kDeviceApi);
       EXPECT_TRUE(entry.request.body.empty() || status > 303) << entry.request.body;
     }
     cloud_.log().Clear();
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Flows, BadServerTest, testing::ValuesIn(HttpsFlows()),
-                         [](const auto& flow) { return flow.param.name; });
+INSTANTIATE_TEST_SUITE_P(Flows, BadServerTest, testing::ValuesIn(HttpsFlows()), NameOfFlow);
 
 // The authorities that were read for one server are the next one's judges.
 class SecondServer : public DeviceTest {};

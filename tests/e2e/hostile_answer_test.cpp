@@ -253,9 +253,7 @@ TEST_P(SlowAnswerTest, ASteadyTrickleIsGivenUp) {
 
 TEST_P(SlowAnswerTest, SilenceIsGivenUp) { ExpectGivenUp(1, std::chrono::hours(1)); }
 
-INSTANTIATE_TEST_SUITE_P(Flows, HostileAnswerTest, testing::ValuesIn(HttpsFlows()),
-                         [](const auto& flow) { return flow.param.name; });
-INSTANTIATE_TEST_SUITE_P(Flows, SlowAnswerTest, testing::ValuesIn(HttpsFlows()),
-                         [](const auto& flow) { return flow.param.name; });
+INSTANTIATE_TEST_SUITE_P(Flows, HostileAnswerTest, testing::ValuesIn(HttpsFlows()), NameOfFlow);
+INSTANTIATE_TEST_SUITE_P(Flows, SlowAnswerTest, testing::ValuesIn(HttpsFlows()), NameOfFlow);
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Every flow that asks a server over HTTPS, set up so that the request in question is the first one
-// to its host; and a server that takes that host's place and may behave as badly as it likes.
+// Every flow that fails with a request, set up so that the request in question is the first one to
+// its host; and a server that takes that host's place and may behave as badly as it likes.
 #pragma once
 
 #include <functional>
@@ -8,35 +8,26 @@
 #include <string>
 #include <vector>
 
+#include "lab/flow.h"
 #include "tests/e2e/device_fixture.h"
 
-// The transport that a flow's request goes through.
-enum class Transport { kDeviceApi, kOauth, kPlatform };
-
-// What the device has before the flow.
-enum class Stored { kNothing, kLink, kValidTokens, kExpiredTokens };
-
+// A flow, and one of its requests whose failure is the flow's.
 struct HttpsFlow {
-  const char* name;
-  Transport transport;
-  const char* host;
-  const char* path;
-  std::vector<std::string> command;
-  std::string input;
-  Stored stored;
-  // A failed run: what its output and error output begin with, and its exit status.
-  std::string out;
-  std::string err;
-  int exit_status;
-  // A run whose server could not be reached: the texts begin so, and these lines are logged.
-  std::string unreached_out;
-  std::string unreached_err;
-  std::vector<std::string> unreached_log;
+  const lab::Flow& flow;
+  const lab::Request& request;
+
+  // "browser_login_other_exchange"; "query" of the request of the same name
+  [[nodiscard]] std::string Name() const;
+  [[nodiscard]] const lab::Unreached& unreached() const { return *request.unreached; }
 };
 
 std::ostream& operator<<(std::ostream& out, const HttpsFlow& flow);
 
 const std::vector<HttpsFlow>& HttpsFlows();
+
+inline std::string NameOfFlow(const testing::TestParamInfo<HttpsFlow>& flow) {
+  return flow.param.Name();
+}
 
 // Serves `host` for the programs of the lab. Every request gets the answer that was set last.
 class BadHost {

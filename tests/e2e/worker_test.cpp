@@ -110,7 +110,8 @@ TEST_F(Worker, WithoutThatOfTheCloudServiceNoApiKeyIsRegistered) {
 }
 
 std::string WorkerOf(const HttpsFlow& flow) {
-  return flow.transport == Transport::kPlatform ? "kivo-cloudservice" : "nodelink-http";
+  return flow.request.transport() == lab::Transport::kPlatform ? "kivo-cloudservice"
+                                                               : "nodelink-http";
 }
 
 TEST_F(Worker, IsNotStartedForAnAnswerFromTheRecord) {
@@ -139,9 +140,9 @@ class HostileWorkerTest : public HttpsFlowTest {
 
 // Of the cloud service the platform says so itself.
 TEST_P(HostileWorkerTest, IsAsGoodAsNoServer) {
-  const std::string err = GetParam().transport == Transport::kPlatform
+  const std::string err = GetParam().request.transport() == lab::Transport::kPlatform
                               ? "nodelink-login: System error (code 24)\n"
-                              : GetParam().unreached_err;
+                              : GetParam().unreached().err;
   for (const char* character : {"dead", "gone", "halfway", "huge", "talkative", "brief", "strange",
                                 "unknown", "refused", "hasty", "short", "echo"}) {
     SCOPED_TRACE(character);
@@ -151,15 +152,14 @@ TEST_P(HostileWorkerTest, IsAsGoodAsNoServer) {
     const std::string before = State();
     const auto result = RunFlow();
     ExpectFailure(result);
-    EXPECT_THAT(result.out, StartsWith(GetParam().unreached_out));
+    EXPECT_THAT(result.out, StartsWith(GetParam().unreached().out));
     EXPECT_THAT(result.err, StartsWith(err));
     EXPECT_EQ(State(), before);
     EXPECT_THAT(Log(), Contains(HasSubstr("Failed to ask ")).Times(1));
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Flows, HostileWorkerTest, testing::ValuesIn(HttpsFlows()),
-                         [](const auto& flow) { return flow.param.name; });
+INSTANTIATE_TEST_SUITE_P(Flows, HostileWorkerTest, testing::ValuesIn(HttpsFlows()), NameOfFlow);
 
 // --- Who has rights, and who has a network. ---
 
@@ -229,7 +229,7 @@ std::set<std::string> RunningPrograms() {
 class RightsTest : public HttpsFlowTest {
  protected:
   static std::string Program() {
-    const std::string& path = GetParam().command.front();
+    const std::string& path = GetParam().flow.command.words.front();
     return path.substr(path.rfind('/') + 1);
   }
   static std::string WorkerName() { return WorkerOf(GetParam()); }
@@ -269,7 +269,6 @@ TEST_P(RightsTest, NoSocketForANetworkIsMadeButByTheWorkers) {
   EXPECT_THAT(makers, Each(MatchesRegex("[0-9]+<(nodelink-http|kivo-cloudservi).*")));
 }
 
-INSTANTIATE_TEST_SUITE_P(Flows, RightsTest, testing::ValuesIn(HttpsFlows()),
-                         [](const auto& flow) { return flow.param.name; });
+INSTANTIATE_TEST_SUITE_P(Flows, RightsTest, testing::ValuesIn(HttpsFlows()), NameOfFlow);
 
 }  // namespace
