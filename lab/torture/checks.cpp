@@ -57,9 +57,14 @@ bool IsWholeTokenFile(const Json::Value& tokens) {
   return true;
 }
 
+// "" of one that has ended meanwhile.
 std::string NameOfProcess(const std::string& folder) {
-  std::string name = test_files::Read(folder + "/comm");
-  return name.substr(0, name.find('\n'));
+  try {
+    const std::string name = test_files::Read(folder + "/comm");
+    return name.substr(0, name.find('\n'));
+  } catch (const std::ios_base::failure&) {
+    return "";
+  }
 }
 
 // Waits for it, since a worker outlives a program that was killed by some moments.
