@@ -17,7 +17,7 @@
 namespace torture {
 namespace {
 
-constexpr int kTimeToEnd = 20'000;  // ms, of a worker whose program is gone
+constexpr int kTimeToEnd = 20'000;  // ms
 constexpr std::size_t kMostShown = 200;
 
 // A new value of its own at every login or query.
@@ -67,11 +67,12 @@ std::string NameOfProcess(const std::string& folder) {
   }
 }
 
-// Waits for it, since a worker outlives a program that was killed by some moments.
-bool EndsByItself(const std::string& process) {
+// A worker outlives a program that was killed by some moments.
+bool EndsByItself(const std::string& process, const std::string& name) {
+  if (!name.starts_with("nodelink-http")) return false;
   const base::UniqueFd end(
       static_cast<int>(syscall(SYS_pidfd_open, std::strtol(process.c_str(), nullptr, 10), 0)));
-  if (!end) return true;  // it is gone
+  if (!end) return true;  // it has ended
   pollfd ended{end.get(), POLLIN, 0};
   return poll(&ended, 1, kTimeToEnd) == 1;
 }
@@ -143,11 +144,11 @@ void Checks::CheckEnd(const lab::ProcessResult& result, const Fault& fault,
 // --- The state of the device. ---
 
 void Checks::CheckState(const Fault& fault) {
+  CheckLocks();
   CheckProcesses();
   CheckRecord();
   CheckTokens();
   CheckSchedules(fault);
-  CheckLocks();
 }
 
 bool Checks::MayVanish() const {
@@ -268,7 +269,7 @@ void Checks::CheckProcesses() const {
   for (const std::string& process : test_files::NamesIn("/proc")) {
     if (process.find_first_not_of("0123456789") != std::string::npos) continue;
     const std::string name = NameOfProcess("/proc/" + process);
-    if (name.starts_with("nodelink") && !EndsByItself(process)) {
+    if (name.starts_with("nodelink") && !EndsByItself(process, name)) {
       report_.Finding("still running: " + name);
     }
   }
