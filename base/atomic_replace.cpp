@@ -37,9 +37,7 @@ std::string_view ReplacedBy(std::string_view name) {
 
 std::optional<std::string> TemporaryName(const std::string& name) {
   std::uint64_t number = 0;
-  if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
-    return std::nullopt;
-  }
+  if (getrandom(&number, sizeof(number), 0) != sizeof(number)) return std::nullopt;
   std::array<char, 17> digits{};
   std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(number));
   return TemporaryPrefix(name) + digits.data();
@@ -55,9 +53,7 @@ bool Flush(int fd) {
 
 bool IsOfRootAlone(int fd) {
   struct stat info {};
-  if (fstat(fd, &info) != 0) {
-    return false;
-  }
+  if (fstat(fd, &info) != 0) return false;
   errno = EPERM;
   return S_ISREG(info.st_mode) && info.st_uid == 0 && (info.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
@@ -85,9 +81,7 @@ class TemporaryFile {
 
   bool Own(const FileAttributes& attributes) const {
     struct stat mine {};
-    if (fstat(fd_.get(), &mine) != 0) {
-      return false;
-    }
+    if (fstat(fd_.get(), &mine) != 0) return false;
     const bool owned = mine.st_uid == attributes.owner && mine.st_gid == attributes.group;
     return (owned || fchown(fd_.get(), attributes.owner, attributes.group) == 0) &&
            fchmod(fd_.get(), attributes.mode) == 0;
@@ -113,9 +107,7 @@ template <typename Belongs>
 void RemoveTemporaryFiles(int folder, Belongs belongs) {
   for (const std::string& entry : NamesIn(folder).value_or(std::vector<std::string>())) {
     const std::string_view replaced = ReplacedBy(entry);
-    if (!replaced.empty() && belongs(replaced)) {
-      unlinkat(folder, entry.c_str(), 0);
-    }
+    if (!replaced.empty() && belongs(replaced)) unlinkat(folder, entry.c_str(), 0);
   }
 }
 
@@ -124,9 +116,7 @@ void RemoveTemporaryFiles(int folder, Belongs belongs) {
 bool WriteAll(int fd, std::string_view content) {
   while (!content.empty()) {
     const ssize_t count = write(fd, content.data(), content.size());
-    if (count < 0 && errno != EINTR) {
-      return false;
-    }
+    if (count < 0 && errno != EINTR) return false;
     content.remove_prefix(static_cast<std::size_t>(count > 0 ? count : 0));
   }
   return true;
@@ -186,9 +176,7 @@ bool ReplaceInFolder(const UniqueFd& folder, const std::string& name, std::strin
   // While the folder is locked, nobody can be at them.
   RemoveTemporaryFiles(folder.get(), [&name](std::string_view other) { return other == name; });
   const auto temporary_name = TemporaryName(name);
-  if (!temporary_name) {
-    return false;
-  }
+  if (!temporary_name) return false;
   TemporaryFile file(folder.get(), *temporary_name);
   return file.made() && file.Own(attributes) && file.Fill(content) && file.RenameTo(name) &&
          Flush(folder.get());

@@ -17,9 +17,7 @@ using Length = std::uint32_t;
 
 // The milliseconds until then, as poll takes them.
 int Left(const Deadline& deadline) {
-  if (!deadline) {
-    return -1;
-  }
+  if (!deadline) return -1;
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
   return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
@@ -44,13 +42,9 @@ bool IsWorthAnotherTry() { return errno == EAGAIN || errno == EINTR; }
 
 bool SendAll(int fd, std::string_view bytes, const Deadline& deadline) {
   while (!bytes.empty()) {
-    if (!WaitFor(fd, POLLOUT, deadline, -1)) {
-      return false;
-    }
+    if (!WaitFor(fd, POLLOUT, deadline, -1)) return false;
     const ssize_t count = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count < 0 && !IsWorthAnotherTry()) {
-      return false;
-    }
+    if (count < 0 && !IsWorthAnotherTry()) return false;
     bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
   }
   return true;
@@ -58,17 +52,13 @@ bool SendAll(int fd, std::string_view bytes, const Deadline& deadline) {
 
 bool ReceiveAll(int fd, char* bytes, std::size_t size, const Deadline& deadline, int process) {
   while (size > 0) {
-    if (!WaitFor(fd, POLLIN, deadline, process)) {
-      return false;
-    }
+    if (!WaitFor(fd, POLLIN, deadline, process)) return false;
     const ssize_t count = recv(fd, bytes, size, MSG_DONTWAIT);
     if (count == 0) {
       errno = EPIPE;
       return false;
     }
-    if (count < 0 && !IsWorthAnotherTry()) {
-      return false;
-    }
+    if (count < 0 && !IsWorthAnotherTry()) return false;
     const auto taken = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     bytes += taken;
     size -= taken;
@@ -89,18 +79,14 @@ std::optional<std::string> ReceiveFrame(int fd, std::size_t longest, Deadline de
                                         int process) {
   Length length = 0;
   std::array<char, sizeof length> head{};
-  if (!ReceiveAll(fd, head.data(), head.size(), deadline, process)) {
-    return std::nullopt;
-  }
+  if (!ReceiveAll(fd, head.data(), head.size(), deadline, process)) return std::nullopt;
   std::memcpy(&length, head.data(), sizeof length);
   if (length > longest) {
     errno = EMSGSIZE;
     return std::nullopt;
   }
   std::string message(length, '\0');
-  if (!ReceiveAll(fd, message.data(), message.size(), deadline, process)) {
-    return std::nullopt;
-  }
+  if (!ReceiveAll(fd, message.data(), message.size(), deadline, process)) return std::nullopt;
   return message;
 }
 

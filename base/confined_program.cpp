@@ -97,15 +97,11 @@ bool DisarmRoot() {
 }
 
 ConfinementStep BecomeOrdinary(const Ids& ids) {
-  if (geteuid() != 0 && !SetUser(kUnchanged, 0, kUnchanged)) {
-    return ConfinementStep::kUser;
-  }
+  if (geteuid() != 0 && !SetUser(kUnchanged, 0, kUnchanged)) return ConfinementStep::kUser;
   if (!SetGroup(ids.group)) {
     return errno == EINVAL && DisarmRoot() ? ConfinementStep::kNone : ConfinementStep::kUser;
   }
-  if (syscall(SYS_setgroups, 0, nullptr) != 0) {
-    return ConfinementStep::kGroups;
-  }
+  if (syscall(SYS_setgroups, 0, nullptr) != 0) return ConfinementStep::kGroups;
   return SetUser(ids.user, ids.user, ids.user) ? ConfinementStep::kNone : ConfinementStep::kUser;
 }
 
@@ -125,27 +121,17 @@ bool StayOpen(int fd) { return fcntl(fd, F_SETFD, 0) == 0; }
 
 void CloseOthers() {
   constexpr int kMany = 4096;
-  if (syscall(SYS_close_range, kChannel + 1, ~0U, 0) == 0) {
-    return;
-  }
-  for (int fd = kChannel + 1; fd < kMany; ++fd) {
-    (void)close(fd);
-  }
+  if (syscall(SYS_close_range, kChannel + 1, ~0U, 0) == 0) return;
+  for (int fd = kChannel + 1; fd < kMany; ++fd) (void)close(fd);
 }
 
 // 0 to 2 lead nowhere, the channel is where the program looks for it, and nothing else is open.
 bool TakeDescriptors(int channel) {
-  if (dup2(channel, kChannel) < 0 || !StayOpen(kChannel)) {
-    return false;
-  }
+  if (dup2(channel, kChannel) < 0 || !StayOpen(kChannel)) return false;
   const int null = open("/dev/null", O_RDWR);
-  if (null < 0) {
-    return false;
-  }
+  if (null < 0) return false;
   for (int fd = STDIN_FILENO; fd <= kLastNullStream; ++fd) {
-    if (dup2(null, fd) < 0) {
-      return false;
-    }
+    if (dup2(null, fd) < 0) return false;
   }
   CloseOthers();
   return true;
@@ -154,9 +140,7 @@ bool TakeDescriptors(int channel) {
 void DefaultSignals() {
   struct sigaction standard = {};
   standard.sa_handler = SIG_DFL;
-  for (int signal = 1; signal < NSIG; ++signal) {
-    (void)sigaction(signal, &standard, nullptr);
-  }
+  for (int signal = 1; signal < NSIG; ++signal) (void)sigaction(signal, &standard, nullptr);
   sigset_t none;
   sigemptyset(&none);
   (void)sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -169,18 +153,10 @@ ConfinementStep Become(const Plan& plan) {
   DefaultSignals();
   (void)setsid();
   const ConfinementStep step = plan.privileged ? BecomeOrdinary(plan.ids) : KeepEffectiveIds();
-  if (step != ConfinementStep::kNone) {
-    return step;
-  }
-  if (!DropCapabilities()) {
-    return ConfinementStep::kCapabilities;
-  }
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
-    return ConfinementStep::kPrivileges;
-  }
-  if (chdir("/") != 0 || !TakeDescriptors(plan.channel)) {
-    return ConfinementStep::kDescriptors;
-  }
+  if (step != ConfinementStep::kNone) return step;
+  if (!DropCapabilities()) return ConfinementStep::kCapabilities;
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return ConfinementStep::kPrivileges;
+  if (chdir("/") != 0 || !TakeDescriptors(plan.channel)) return ConfinementStep::kDescriptors;
   char* const arguments[] = {const_cast<char*>(plan.path), nullptr};
   execve(plan.path, arguments, environment);
   return ConfinementStep::kProgram;
@@ -207,13 +183,9 @@ ConfinementStep Become(const Plan& plan) {
 // user, and would wait for it for ever: it takes root's for the moment of the signal. Whether it is
 // dead.
 bool Kill(pid_t pid) {
-  if (kill(pid, SIGKILL) == 0) {
-    return true;
-  }
+  if (kill(pid, SIGKILL) == 0) return true;
   const uid_t user = geteuid();
-  if (!SetUser(kUnchanged, 0, kUnchanged)) {
-    return false;
-  }
+  if (!SetUser(kUnchanged, 0, kUnchanged)) return false;
   const bool killed = kill(pid, SIGKILL) == 0;
   if (!SetUser(kUnchanged, user, kUnchanged)) {
     std::abort();  // rather than go on as root
@@ -300,9 +272,7 @@ bool ConfinedProgram::Start(std::string& why) {
   const bool privileged = MayBecomeRoot();
   const Plan plan = {path.c_str(), other.get(), privileged, privileged ? UnprivilegedIds() : Ids{}};
   pid_ = fork();
-  if (pid_ == 0) {
-    RunChild(plan);
-  }
+  if (pid_ == 0) RunChild(plan);
   owner_ = getpid();
   if (pid_ < 0) {
     why = std::string("no process: ") + std::strerror(errno);

@@ -87,13 +87,9 @@ ConfinementFailure RestrictFiles() {
   handled.handled_access_fs = kAllRights;
   const UniqueFd ruleset(
       static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
-  if (!ruleset) {
-    return IsMissing(errno) ? ConfinementFailure() : Failed(ConfinementStep::kFiles);
-  }
+  if (!ruleset) return IsMissing(errno) ? ConfinementFailure() : Failed(ConfinementStep::kFiles);
   bool done = true;
-  for (const char* path : kReadable) {
-    done = done && AllowReading(ruleset.get(), path);
-  }
+  for (const char* path : kReadable) done = done && AllowReading(ruleset.get(), path);
   done = done && syscall(SYS_landlock_restrict_self, ruleset.get(), 0) == 0;
   return done ? ConfinementFailure() : Failed(ConfinementStep::kFiles);
 }
@@ -176,9 +172,7 @@ int FillFilter(scmp_filter_ctx filter) {
                        const scmp_arg_cmp* arguments) {
     result = result == 0 ? seccomp_rule_add_array(filter, action, call, count, arguments) : result;
   };
-  for (const int call : kAllowed) {
-    add(SCMP_ACT_ALLOW, call, 0, nullptr);
-  }
+  for (const int call : kAllowed) add(SCMP_ACT_ALLOW, call, 0, nullptr);
   for (const Condition& condition : kConditions) {
     const scmp_arg_cmp argument = {condition.index, SCMP_CMP_MASKED_EQ, condition.mask,
                                    condition.value};
@@ -193,22 +187,16 @@ int FillFilter(scmp_filter_ctx filter) {
   }
   const scmp_arg_cmp itself = {0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()), 0};
   add(SCMP_ACT_ALLOW, SCMP_SYS(tgkill), 1, &itself);  // abort()
-  for (const int call : kSaidToBeMissing) {
-    add(SCMP_ACT_ERRNO(ENOSYS), call, 0, nullptr);
-  }
+  for (const int call : kSaidToBeMissing) add(SCMP_ACT_ERRNO(ENOSYS), call, 0, nullptr);
   return result;
 }
 
 ConfinementFailure RestrictSystemCalls() {
   const Filter filter(seccomp_init(SCMP_ACT_ERRNO(EPERM)));
-  if (!filter) {
-    return {ConfinementStep::kSystemCalls, ENOMEM};
-  }
+  if (!filter) return {ConfinementStep::kSystemCalls, ENOMEM};
   const int filled = FillFilter(filter.get());
   const int result = filled == 0 ? seccomp_load(filter.get()) : filled;
-  if (result == 0 || IsMissing(-result)) {
-    return {};
-  }
+  if (result == 0 || IsMissing(-result)) return {};
   return {ConfinementStep::kSystemCalls, -result};
 }
 
@@ -216,9 +204,7 @@ ConfinementFailure RestrictSystemCalls() {
 
 ConfinementFailure Confine() {
   for (const auto step : {FollowParent, SetLimits, RestrictFiles, RestrictSystemCalls}) {
-    if (const ConfinementFailure failure = step()) {
-      return failure;
-    }
+    if (const ConfinementFailure failure = step()) return failure;
   }
   return {};
 }
@@ -228,13 +214,9 @@ int ServeConfined(std::size_t longest,
   const ConfinementFailure failure = Confine();
   MessageWriter words;
   words.Number(static_cast<std::int64_t>(failure.step)).Number(failure.reason);
-  if (!SendFrame(kChannel, words.Take()) || failure) {
-    return EXIT_FAILURE;
-  }
+  if (!SendFrame(kChannel, words.Take()) || failure) return EXIT_FAILURE;
   while (const auto question = ReceiveFrame(kChannel, longest)) {
-    if (!SendFrame(kChannel, answer(*question))) {
-      return EXIT_FAILURE;
-    }
+    if (!SendFrame(kChannel, answer(*question))) return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;
 }

@@ -14,16 +14,12 @@ namespace base {
 std::optional<std::vector<std::string>> NamesIn(int folder) {
   UniqueFd own(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, int (*)(DIR*)> listing(own ? fdopendir(own.get()) : nullptr, closedir);
-  if (!listing) {
-    return std::nullopt;
-  }
+  if (!listing) return std::nullopt;
   (void)own.Release();
   std::vector<std::string> names;
   while (const dirent* entry = readdir(listing.get())) {
     const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.emplace_back(name);
-    }
+    if (name != "." && name != "..") names.emplace_back(name);
   }
   return names;
 }

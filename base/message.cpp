@@ -19,9 +19,7 @@ MessageWriter& MessageWriter::Text(std::string_view text) {
 
 std::string_view MessageReader::Bytes(std::size_t count) {
   good_ = good_ && count <= rest_.size();
-  if (!good_) {
-    return {};
-  }
+  if (!good_) return {};
   const std::string_view bytes = rest_.substr(0, count);
   rest_.remove_prefix(count);
   return bytes;

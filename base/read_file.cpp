@@ -21,12 +21,8 @@ bool ReadToEnd(int fd, std::size_t size, std::size_t limit, std::string& text) {
     text.resize(old_size + wanted);
     const ssize_t count = read(fd, text.data() + old_size, wanted);
     text.resize(old_size + static_cast<std::size_t>(count > 0 ? count : 0));
-    if (count == 0 || (count > 0 && text.size() == size && size <= limit)) {
-      return true;
-    }
-    if (count < 0 && errno != EINTR) {
-      return false;
-    }
+    if (count == 0 || (count > 0 && text.size() == size && size <= limit)) return true;
+    if (count < 0 && errno != EINTR) return false;
   }
   errno = EFBIG;
   return false;
@@ -36,9 +32,7 @@ bool ReadToEnd(int fd, std::size_t size, std::size_t limit, std::string& text) {
 
 bool ReadRegularFile(int fd, std::size_t limit, std::string& text) {
   struct stat status {};
-  if (fstat(fd, &status) != 0) {
-    return false;
-  }
+  if (fstat(fd, &status) != 0) return false;
   if (!S_ISREG(status.st_mode)) {
     errno = ENOTSUP;
     return false;
@@ -52,9 +46,7 @@ bool ReadFile(const std::string& path, std::size_t limit, std::string& text) {
   // Opening a FIFO for reading would wait for a writer; O_NONBLOCK does not, and means nothing to a
   // regular file.
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (file && ReadRegularFile(file.get(), limit, text)) {
-    return true;
-  }
+  if (file && ReadRegularFile(file.get(), limit, text)) return true;
   text.clear();
   return false;
 }

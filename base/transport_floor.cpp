@@ -51,9 +51,7 @@ CURLcode SetFloor(CURL* curl) {
   set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
   set(CURLOPT_PROXY, "");
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  if (authorities == nullptr) {
-    set(CURLOPT_PRIVATE, static_cast<void*>(&authorities));
-  }
+  if (authorities == nullptr) set(CURLOPT_PRIVATE, static_cast<void*>(&authorities));
   set(CURLOPT_CAINFO, IsReader(curl) ? kCaBundle : nullptr);
   set(CURLOPT_SSL_CTX_FUNCTION, SetTlsFloor);
   return result;

@@ -34,7 +34,7 @@ constexpr char kOwnKeys[] =
 
 // A record whose own keys stand behind so many of others.
 void MakeRecord(std::int64_t foreign_keys) {
-  std::ofstream file(account_files::kRecord, std::ios::trunc);
+  std::ofstream file(nodelink::account_files::kRecord, std::ios::trunc);
   for (std::int64_t i = 0; i < foreign_keys; ++i) {
     file << "foreign_key_" << i << "=\"a value of the usual length\"\n";
   }
@@ -44,9 +44,7 @@ void MakeRecord(std::int64_t foreign_keys) {
 void ReadOneKey(benchmark::State& state) {
   MakeRecord(state.range(0));
   const User user;
-  while (state.KeepRunning()) {
-    benchmark::DoNotOptimize(user.Get(record::kLastQueryTime));
-  }
+  while (state.KeepRunning()) benchmark::DoNotOptimize(user.Get(record::kLastQueryTime));
 }
 
 void ReadWholeRecord(benchmark::State& state) {
@@ -61,7 +59,7 @@ void ReadMissingKey(benchmark::State& state) {
   MakeRecord(state.range(0));
   std::array<char, 2048> value{};
   while (state.KeepRunning()) {
-    benchmark::DoNotOptimize(KLIBCFileGetKeyValue(account_files::kRecord, "no_such_key",
+    benchmark::DoNotOptimize(KLIBCFileGetKeyValue(nodelink::account_files::kRecord, "no_such_key",
                                                   value.data(), static_cast<int>(value.size()), 0));
   }
 }
@@ -72,7 +70,7 @@ BENCHMARK(ReadMissingKey)->Arg(0)->Arg(20)->Arg(200)->Arg(2000);
 
 void LockAndUnlock(benchmark::State& state) {
   while (state.KeepRunning()) {
-    nodelink::FileLock lock(nodelink::AccountLockPath("bench"), 0);
+    nodelink::FileLock lock(nodelink::account_files::LockFile("bench"), 0);
     benchmark::DoNotOptimize(lock.Lock(30));
   }
 }
@@ -109,15 +107,13 @@ void WriteAnswer() {
 
 void WriteBack(benchmark::State& state) {
   MakeRecord(0);
-  while (state.KeepRunning()) {
-    WriteAnswer();
-  }
+  while (state.KeepRunning()) WriteAnswer();
 }
 BENCHMARK(WriteBack)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // Fourteen of them, beside the record, of the record's size.
 void ReplaceSmallFile(benchmark::State& state) {
-  const std::string path = std::string(account_files::kRecord) + ".small";
+  const std::string path = std::string(nodelink::account_files::kRecord) + ".small";
   while (state.KeepRunning()) {
     for (int i = 0; i < 14; ++i) {
       benchmark::DoNotOptimize(base::AtomicReplace(path, kOwnKeys, 0600));

@@ -85,9 +85,7 @@ pid_t Start(char* const* command) {
   static const Silence silence;
   pid_t pid = -1;
   const int error = posix_spawnp(&pid, command[0], silence.get(), nullptr, command, environ);
-  if (error != 0) {
-    Die(std::string("cannot start ") + command[0] + ": " + std::strerror(error));
-  }
+  if (error != 0) Die(std::string("cannot start ") + command[0] + ": " + std::strerror(error));
   return pid;
 }
 
@@ -95,16 +93,12 @@ pid_t Start(char* const* command) {
 pid_t Reap(const std::string& name, rusage& usage) {
   int status = 0;
   const pid_t pid = wait4(-1, &status, 0, &usage);
-  if (pid < 0 || status != 0) {
-    Die(name + " failed, wait status " + std::to_string(status));
-  }
+  if (pid < 0 || status != 0) Die(name + " failed, wait status " + std::to_string(status));
   return pid;
 }
 
 void Prepare(const Case& measured) {
-  if (measured.prepare.empty()) {
-    return;
-  }
+  if (measured.prepare.empty()) return;
   std::string shell = "sh";
   std::string option = "-c";
   std::string text = measured.prepare;
@@ -165,16 +159,12 @@ long OwnPeak(char* const* command) {
   ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACEEXIT);
   while (!WIFEXITED(status) && !WIFSIGNALED(status)) {
     const bool ends = status >> 8 == (SIGTRAP | (PTRACE_EVENT_EXIT << 8));
-    if (ends) {
-      peak = PeakOf(pid);
-    }
+    if (ends) peak = PeakOf(pid);
     const int stop = WSTOPSIG(status);
     ptrace(PTRACE_CONT, pid, nullptr, stop == SIGTRAP ? 0 : stop);
     waitpid(pid, &status, 0);
   }
-  if (status != 0) {
-    Die(std::string(command[0]) + " failed, wait status " + std::to_string(status));
-  }
+  if (status != 0) Die(std::string(command[0]) + " failed, wait status " + std::to_string(status));
   return peak;
 }
 
@@ -188,12 +178,8 @@ double Median(std::vector<double> values) {
 Case ReadCase(char** words, int count, int& word) {
   Case measured;
   const int first = word;
-  while (word < count && std::strcmp(words[word], "--") != 0) {
-    ++word;
-  }
-  if (word - first < 3) {
-    Die("a case is NAME PREPARE COMMAND [ARG...]");
-  }
+  while (word < count && std::strcmp(words[word], "--") != 0) ++word;
+  if (word - first < 3) Die("a case is NAME PREPARE COMMAND [ARG...]");
   measured.name = words[first];
   measured.prepare = words[first + 1];
   measured.command.assign(words + first + 2, words + word);

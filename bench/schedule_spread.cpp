@@ -53,9 +53,7 @@ Load RandomLoad(unsigned int seed) {
   std::mt19937_64 generator(seed);
   std::uniform_int_distribution<std::size_t> slot(0, kSlots - 1);
   Load load(kSlots);
-  for (int device = 0; device < kDevices; ++device) {
-    ++load[slot(generator)];
-  }
+  for (int device = 0; device < kDevices; ++device) ++load[slot(generator)];
   return load;
 }
 
@@ -64,9 +62,7 @@ int Busiest(const Load& load) { return *std::max_element(load.begin(), load.end(
 // Averaged: a single random spread is a matter of luck itself.
 double BusiestAtRandom() {
   double sum = 0;
-  for (unsigned int seed = 1; seed <= kRandomRuns; ++seed) {
-    sum += Busiest(RandomLoad(seed));
-  }
+  for (unsigned int seed = 1; seed <= kRandomRuns; ++seed) sum += Busiest(RandomLoad(seed));
   return sum / kRandomRuns;
 }
 

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* kUsage = R"(Usage: zomi-devcloud [OPTION]...
+constexpr char kUsage[] = R"(Usage: zomi-devcloud [OPTION]...
 Serves the account, identity, payment and cloud-service hosts for development and tests.
 
   --listen ADDRESS:PORT   where the HTTPS server listens (default 127.0.0.1:443)

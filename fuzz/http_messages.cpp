@@ -27,15 +27,11 @@ void CheckFact(const LogFact& fact) {
 
 void CheckAnswer(const std::string& message, const Question& question) {
   const auto answer = DecodeAnswer(message, question);
-  if (!answer) {
-    return;
-  }
+  if (!answer) return;
   fuzz::Check(Encode(*answer) == message, "an answer that is one is written as it was read");
   fuzz::Check(answer->result.index() == question.index(), "the answer is of its question's kind");
   fuzz::Check(answer->log.size() <= kMostFacts, "the lines have a limit");
-  for (const LogFact& fact : answer->log) {
-    CheckFact(fact);
-  }
+  for (const LogFact& fact : answer->log) CheckFact(fact);
 }
 
 }  // namespace

@@ -37,9 +37,7 @@ std::string SignIn(const std::string& address, const std::string& email,
       RunProcess({"curl", "--silent", "--fail", "--cookie-jar", kCookies, address}).out;
   std::vector<std::string> post = {"curl",     "--silent", "--output",    "/dev/null",
                                    "--cookie", kCookies,   "--write-out", "%{redirect_url}"};
-  for (const std::string& argument : HiddenFields(page)) {
-    post.push_back(argument);
-  }
+  for (const std::string& argument : HiddenFields(page)) post.push_back(argument);
   post.insert(post.end(),
               {"--data-urlencode", "email=" + email, "--data-urlencode", "password=" + password,
                "--data", "choice=sign_in", address.substr(0, address.find('?'))});

@@ -52,9 +52,7 @@ void Device::SetState(const std::string& word) {
 }
 
 void Device::Update(const devcloud::Account& account) {
-  if (!cloud_.store().UpdateAccount(account)) {
-    throw std::runtime_error("cannot update the account");
-  }
+  if (!cloud_.store().UpdateAccount(account)) throw std::runtime_error("cannot update the account");
 }
 
 ProcessResult Device::Run(const std::vector<std::string>& options) {
@@ -76,16 +74,12 @@ void Device::StartWorkersBehind(const std::string& words) {
 
 void Device::StartWorkerBehind(const std::string& worker, const std::string& words) {
   const std::string real = worker + ".real";
-  if (!test_files::Exists(real)) {
-    std::filesystem::rename(worker, real);
-  }
+  if (!test_files::Exists(real)) std::filesystem::rename(worker, real);
   test_files::Write(worker, "#!/bin/sh\nexec " + words + " " + real + "\n", 0755);
 }
 
 void Device::StartWorkerAlone(const std::string& worker) {
-  if (test_files::Exists(worker + ".real")) {
-    std::filesystem::rename(worker + ".real", worker);
-  }
+  if (test_files::Exists(worker + ".real")) std::filesystem::rename(worker + ".real", worker);
 }
 
 std::vector<std::string> Device::FastClock(int times) {

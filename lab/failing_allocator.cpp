@@ -98,9 +98,7 @@ void WatchForEnd() {
 
 // False when this allocation is to fail.
 bool Allowed(std::size_t size, void* caller) {
-  if (!armed || reporting) {
-    return true;
-  }
+  if (!armed || reporting) return true;
   reporting = true;
   const int reason = errno;
   const unsigned long number = ++count;
@@ -123,9 +121,7 @@ int RunMain(int argc, char** argv, char** environment) {
   armed = report >= 0;
   const int status = program_main(argc, argv, environment);
   armed = false;
-  if (__lsan_do_recoverable_leak_check != nullptr) {
-    __lsan_do_recoverable_leak_check();
-  }
+  if (__lsan_do_recoverable_leak_check != nullptr) __lsan_do_recoverable_leak_check();
   return status;
 }
 
@@ -136,9 +132,7 @@ unsigned long NumberFrom(const char* name) {
 
 __attribute__((constructor)) void Arm() {
   const char* path = std::getenv("LAB_ALLOCATION_REPORT");
-  if (path == nullptr) {
-    return;
-  }
+  if (path == nullptr) return;
   const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kReportMode);
   report = fcntl(fd, F_DUPFD_CLOEXEC, kReportDescriptor);
   close(fd);
@@ -169,9 +163,7 @@ void* NewAligned(std::size_t alignment, std::size_t size, void* caller) {
 }
 
 void* OrThrow(void* block) {
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
+  if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 
@@ -227,9 +219,7 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) {
 
 int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
   void* block = NewAligned(alignment, size, CALLER);
-  if (block == nullptr) {
-    return ENOMEM;
-  }
+  if (block == nullptr) return ENOMEM;
   *result = block;
   return 0;
 }

@@ -13,16 +13,12 @@ namespace {
 
 struct stat StatOf(const std::string& path) {
   struct stat info = {};
-  if (lstat(path.c_str(), &info) != 0) {
-    throw std::runtime_error("there is no " + path);
-  }
+  if (lstat(path.c_str(), &info) != 0) throw std::runtime_error("there is no " + path);
   return info;
 }
 
 void SetMode(const std::string& path, mode_t mode) {
-  if (chmod(path.c_str(), mode) != 0) {
-    throw std::runtime_error("cannot change the mode of " + path);
-  }
+  if (chmod(path.c_str(), mode) != 0) throw std::runtime_error("cannot change the mode of " + path);
 }
 
 }  // namespace
@@ -32,9 +28,7 @@ void Write(const std::string& path, std::string_view text, mode_t mode) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << text;
   file.close();
-  if (!file) {
-    throw std::runtime_error("cannot write " + path);
-  }
+  if (!file) throw std::runtime_error("cannot write " + path);
   SetMode(path, mode);
 }
 

@@ -137,13 +137,9 @@ std::vector<Format> ReadList(const std::string& path) {
   std::vector<Format> formats;
   std::string row;
   while (std::getline(list, row)) {
-    if (!row.empty() && row.front() != '#') {
-      formats.emplace_back(row);
-    }
+    if (!row.empty() && row.front() != '#') formats.emplace_back(row);
   }
-  if (formats.empty()) {
-    throw std::runtime_error("no formats in " + path);
-  }
+  if (formats.empty()) throw std::runtime_error("no formats in " + path);
   return formats;
 }
 
@@ -152,9 +148,7 @@ Message ParseMessage(const std::string& raw) {
   const lab::LogLine line = lab::ParseLogLine(raw);
   const std::size_t space = line.text.find(' ');
   const std::size_t colon = line.text.rfind(':', space);
-  if (space == std::string::npos || colon == std::string::npos) {
-    return {};
-  }
+  if (space == std::string::npos || colon == std::string::npos) return {};
   return {lab::PriorityName(line), line.text.substr(0, colon),
           line.text.substr(colon + 1, space - colon - 1), line.text.substr(space + 1)};
 }
@@ -162,16 +156,12 @@ Message ParseMessage(const std::string& raw) {
 class Comparison {
  public:
   explicit Comparison(std::vector<Format> formats) : formats_(std::move(formats)) {
-    for (const Format& format : formats_) {
-      files_.insert(format.file());
-    }
+    for (const Format& format : formats_) files_.insert(format.file());
   }
 
   void Take(const std::string& raw) {
     const Message message = ParseMessage(raw);
-    if (!files_.contains(message.file)) {
-      return;
-    }
+    if (!files_.contains(message.file)) return;
     ++taken_;
     bool listed = false;
     for (Format& format : formats_) {  // all of them: one line may fit two rows
@@ -214,9 +204,7 @@ int Compare(const std::string& list, const std::string& folder) {
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     std::ifstream file(entry.path());
     std::string raw;
-    while (std::getline(file, raw)) {
-      comparison.Take(raw);
-    }
+    while (std::getline(file, raw)) comparison.Take(raw);
   }
   return comparison.Report() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

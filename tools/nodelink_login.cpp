@@ -72,12 +72,8 @@ int LoginByBrowser() {
 
 int Run(int argc, char** argv) {
   const std::string_view option = argc > 1 ? argv[1] : "";
-  if (option == "--password" && argc == 3) {
-    return LoginByPassword(argv[2]);
-  }
-  if (option == "--browser" && argc == 2) {
-    return LoginByBrowser();
-  }
+  if (option == "--password" && argc == 3) return LoginByPassword(argv[2]);
+  if (option == "--browser" && argc == 2) return LoginByBrowser();
   if (option == "--help" && argc == 2) {
     std::fputs(kUsage, stdout);
     return 0;

@@ -28,12 +28,8 @@ void ReadLine(std::string& line) {
   ssize_t count = 0;
   while (line.size() < kSize - 1) {
     count = read(STDIN_FILENO, &byte, 1);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count <= 0 || byte == '\n') {
-      return;
-    }
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0 || byte == '\n') return;
     line += byte;
   }
 }

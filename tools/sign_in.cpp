@@ -24,9 +24,7 @@ class Address {
   Address(const Address&) = delete;
   Address& operator=(const Address&) = delete;
   ~Address() {
-    if (parsed_) {
-      uriFreeUriMembersA(&uri_);
-    }
+    if (parsed_) uriFreeUriMembersA(&uri_);
   }
 
   bool HasQuery() const { return parsed_ && uri_.query.first != nullptr; }
@@ -77,14 +75,10 @@ QueryList Dissect(const UriTextRangeA& query) {
 std::map<std::string, std::string> ReadQuery(const std::string& text) {
   const Address address(text);
   std::map<std::string, std::string> values;
-  if (!address.HasQuery()) {
-    return values;
-  }
+  if (!address.HasQuery()) return values;
   const QueryList fields = Dissect(address.query());
   for (const UriQueryListA* field = fields.get(); field != nullptr; field = field->next) {
-    if (field->value != nullptr) {
-      values[field->key] = field->value;
-    }
+    if (field->value != nullptr) values[field->key] = field->value;
   }
   return values;
 }
@@ -105,18 +99,14 @@ std::string SignInAddress(const Json::Value& config, const SignIn& sign_in) {
 
 std::string ReadCode(const std::string& reply, const SignIn& sign_in) {
   if (!IsAddress(reply)) {
-    if (reply.empty()) {
-      throw ZomiException(nodelink::kWrongParameters);
-    }
+    if (reply.empty()) throw ZomiException(nodelink::kWrongParameters);
     return reply;
   }
   auto query = ReadQuery(reply);
   if (query["state"] != sign_in.state) {
     throw ZomiException(nodelink::kWrongParameters, "the address belongs to another sign-in");
   }
-  if (query.contains("error")) {
-    throw ZomiException(nodelink::kAuthFailed, query["error"]);
-  }
+  if (query.contains("error")) throw ZomiException(nodelink::kAuthFailed, query["error"]);
   if (query["code"].empty()) {
     throw ZomiException(nodelink::kWrongParameters, "the address holds no code");
   }

@@ -8,16 +8,12 @@
 
 void* operator new(std::size_t size) {
   void* const block = std::malloc(size);
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
+  if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 
 void operator delete(void* block) noexcept {
-  if (block != nullptr) {
-    explicit_bzero(block, malloc_usable_size(block));
-  }
+  if (block != nullptr) explicit_bzero(block, malloc_usable_size(block));
   std::free(block);
 }
 

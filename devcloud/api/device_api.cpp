@@ -14,8 +14,8 @@ namespace {
 
 using Endpoint = Response (*)(CloudState& state, const Form& form);
 
-constexpr const char* kBadParameter = "badparam";
-constexpr const char* kBadAuth = "badauth";
+constexpr char kBadParameter[] = "badparam";
+constexpr char kBadAuth[] = "badauth";
 
 // Devices read a status word out of an answer with status 400 as well as 200.
 Response WordResponse(const std::string& word, Json::Value answer = Json::objectValue) {

@@ -137,7 +137,7 @@ Response Oauth::EndSession(const Form& form) const {
 }  // namespace
 
 void AddOauth(Router& router, CloudState& state, OauthSettings settings) {
-  constexpr const char* kEndSessionPath = "/oauth2/v1/end_session";
+  constexpr char kEndSessionPath[] = "/oauth2/v1/end_session";
   const auto oauth = std::make_shared<const Oauth>(state, std::move(settings));
   router.Add("POST", "/oauth2/v1/token",
              [oauth](const Request& request, const auto&) { return oauth->Token(request); });

@@ -14,8 +14,8 @@
 namespace devcloud {
 namespace {
 
-constexpr const char* kAuthorizePath = "/oauth2/v1/authorize";
-constexpr const char* kCookieName = "__Host-sign-in";
+constexpr char kAuthorizePath[] = "/oauth2/v1/authorize";
+constexpr char kCookieName[] = "__Host-sign-in";
 
 constexpr std::array kAuthorizationParameters{
     "client_id", "redirect_uri",   "response_type",         "scope", "audience",
@@ -113,9 +113,7 @@ Response SignIn::ShowForm(const std::string& cookie, const AuthorizationRequest&
 Response SignIn::Show(const Request& request) const {
   const auto asked = AuthorizationRequest::From(Form::Parse(request.query).value_or(Form()));
   if (!asked) return MessagePage(400, "Sign-in refused", "A parameter came twice.");
-  if (const auto reason = WhyUntrusted(*asked)) {
-    return MessagePage(400, "Sign-in refused", *reason);
-  }
+  if (const auto reason = WhyUntrusted(*asked)) return MessagePage(400, "Sign-in refused", *reason);
   if (const char* error = asked->Flaw()) return asked->RedirectError(error);
   const std::optional<std::string> old_cookie = ReadCookie(request);
   const std::string cookie = old_cookie ? *old_cookie : RandomToken();
@@ -148,9 +146,7 @@ Response SignIn::Take(const Request& request) const {
   const std::optional<Form> form = ReadForm(request);
   const auto asked = AuthorizationRequest::From(form.value_or(Form()));
   if (!asked) return MessagePage(400, "Sign-in refused", "A parameter came twice.");
-  if (const auto reason = WhyUntrusted(*asked)) {
-    return MessagePage(400, "Sign-in refused", *reason);
-  }
+  if (const auto reason = WhyUntrusted(*asked)) return MessagePage(400, "Sign-in refused", *reason);
   const std::optional<std::string> cookie = ReadCookie(request);
   if (!cookie || !SecretsEqual(form->Get("csrf"), CsrfToken(*cookie, *asked))) {
     return MessagePage(403, "Sign-in refused",

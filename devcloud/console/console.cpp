@@ -9,7 +9,7 @@
 namespace devcloud::console {
 namespace {
 
-constexpr const char* kRoot = "/console";
+constexpr char kRoot[] = "/console";
 
 constexpr std::array kPages{&kAccountsPage, &kDevicesPage, &kTokensPage, &kRequestsPage,
                             &kFaultsPage};

@@ -6,7 +6,7 @@
 namespace devcloud::console {
 namespace {
 
-constexpr const char* kEveryPath = "*";
+constexpr char kEveryPath[] = "*";
 
 FaultRule Error() { return {.status = 500, .body = "fault"}; }
 

@@ -10,7 +10,7 @@
 
 namespace devcloud {
 
-inline constexpr const char* kGoodWord = "good";
+inline constexpr char kGoodWord[] = "good";
 
 struct Account {
   std::string user_id = {};  // what devices know as their "id"

@@ -11,7 +11,7 @@
 namespace devcloud {
 namespace {
 
-constexpr const char* kSchema = R"sql(
+constexpr char kSchema[] = R"sql(
 CREATE TABLE IF NOT EXISTS clients(
   client_id TEXT PRIMARY KEY,
   access_token_seconds INTEGER NOT NULL,
@@ -21,7 +21,7 @@ CREATE TABLE IF NOT EXISTS clients(
 ) STRICT;
 )sql";
 
-constexpr const char* kSelect =
+constexpr char kSelect[] =
     "SELECT client_id, access_token_seconds, refresh_token_seconds, redirect_uris,"
     " logout_redirect_uris FROM clients ";
 

@@ -10,10 +10,10 @@
 
 namespace devcloud {
 
-inline constexpr const char* kLoginClient = "hos-device-login";
-inline constexpr const char* kRegisterClient = "hos-device-register";
-inline constexpr const char* kLoginCallbackPath = "/oauth2/v1/login_callback";
-inline constexpr const char* kLogoutCallbackPath = "/oauth2/v1/logout_callback";
+inline constexpr char kLoginClient[] = "hos-device-login";
+inline constexpr char kRegisterClient[] = "hos-device-register";
+inline constexpr char kLoginCallbackPath[] = "/oauth2/v1/login_callback";
+inline constexpr char kLogoutCallbackPath[] = "/oauth2/v1/logout_callback";
 
 struct Client {
   std::string client_id = {};

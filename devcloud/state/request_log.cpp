@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::int64_t kKeptEntries = 10000;
 
-constexpr const char* kSchema = R"sql(
+constexpr char kSchema[] = R"sql(
 CREATE TABLE IF NOT EXISTS requests(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   time INTEGER NOT NULL,
@@ -29,7 +29,7 @@ CREATE TABLE IF NOT EXISTS requests(
 CREATE INDEX IF NOT EXISTS requests_by_path ON requests(path, id);
 )sql";
 
-constexpr const char* kSelect =
+constexpr char kSelect[] =
     "SELECT id, time, method, target, path, query, headers, body, sni, tls_version, peer_port,"
     " status, answer, fault FROM requests";
 

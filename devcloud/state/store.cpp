@@ -8,7 +8,7 @@
 namespace devcloud {
 namespace {
 
-constexpr const char* kSchema = R"sql(
+constexpr char kSchema[] = R"sql(
 CREATE TABLE IF NOT EXISTS accounts(
   user_id TEXT PRIMARY KEY,
   password_hash TEXT NOT NULL,
@@ -110,7 +110,7 @@ std::optional<Account> FindOneAccount(Database& database, const std::string& con
   return ReadAccount(select);
 }
 
-constexpr const char* kSelectDevices =
+constexpr char kSelectDevices[] =
     "SELECT serial, mac, api_key, api_key_expired, max_accounts, report_cron_timestring,"
     " reported_at, reported_timezone, schedule_given FROM devices ";
 

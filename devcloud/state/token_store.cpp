@@ -7,7 +7,7 @@
 namespace devcloud {
 namespace {
 
-constexpr const char* kSchema = R"sql(
+constexpr char kSchema[] = R"sql(
 CREATE TABLE IF NOT EXISTS families(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   client_id TEXT NOT NULL,
@@ -39,9 +39,9 @@ CREATE TABLE IF NOT EXISTS tokens(
 ) STRICT;
 )sql";
 
-constexpr const char* kSelectFamilies =
+constexpr char kSelectFamilies[] =
     "SELECT id, client_id, user_id, scope, created_at, revoked FROM families ";
-constexpr const char* kSelectTokens =
+constexpr char kSelectTokens[] =
     "SELECT id, family_id, kind, issued_at, expires_at, used, revoked FROM tokens ";
 
 Grant ReadGrant(Statement& row) {

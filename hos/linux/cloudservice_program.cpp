@@ -95,9 +95,7 @@ PostEnd EndOf(CURLcode result) {
 PostAnswer Perform(const PostQuestion& question) {
   const Curl curl(curl_easy_init(), curl_easy_cleanup);
   PostAnswer answer;
-  if (curl == nullptr || !Prepare(curl.get(), question, answer.text)) {
-    return answer;
-  }
+  if (curl == nullptr || !Prepare(curl.get(), question, answer.text)) return answer;
   const CURLcode result = curl_easy_perform(curl.get());
   answer.end = EndOf(result);
   if (answer.end == PostEnd::kAnswered) {

@@ -16,9 +16,7 @@ constexpr char kNotificationFile[] = "/usr/kivo/var/notifications.jsonl";
 int Notify(int count, char** words) {
   Json::Value record;
   record["args"] = Json::arrayValue;
-  for (int index = 1; index < count; ++index) {
-    record["args"].append(words[index]);
-  }
+  for (int index = 1; index < count; ++index) record["args"].append(words[index]);
   syslog(LOG_NOTICE, "notice %s", base::JsonText(record["args"]).c_str());
   if (!hos_linux::AppendJsonLine(kNotificationFile, record)) {
     std::fprintf(stderr, "kivohosnotify: cannot write %s\n", kNotificationFile);

@@ -74,9 +74,7 @@ template <typename Privileged>
 int Read(Privileged privileged, AccountData& data) {
   const SzList keys(KLIBCSzListAlloc(kInitialSize));
   const SzHash values(KLIBCSzHashAlloc(kInitialSize));
-  if (!keys || !values) {
-    return -1;
-  }
+  if (!keys || !values) return -1;
   bool listed = true;
   ForEachField(data, [&](const auto& key, auto&) {
     listed = listed && KLIBCSzListPush(keys.get(), key.name) >= 0;

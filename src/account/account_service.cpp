@@ -29,9 +29,7 @@ LinkIdentity LinkOfRecord() {
 // A link that another process made meanwhile did not fail.
 void DropRecord(const LinkIdentity& link) {
   const LinkLock lock;
-  if (lock.HoldsAnother(link)) {
-    return;
-  }
+  if (lock.HoldsAnother(link)) return;
   if (!account_files::RemoveRecord()) {
     LogError(Here(), "Failed to unlink %s", account_files::kRecord);
   }
@@ -70,9 +68,7 @@ bool SaveReportJob() {
 
 void UpdateReportJob(const LinkLock& /*lock*/) {
   RemoveOldReportSchedule();
-  if (!IsReportDisabled() && !SaveReportJob()) {
-    LogError(Here(), "Failed to add crontab for zomi");
-  }
+  if (!IsReportDisabled() && !SaveReportJob()) LogError(Here(), "Failed to add crontab for zomi");
 }
 
 }  // namespace nodelink

@@ -17,9 +17,7 @@ LoginLock::LoginLock(const std::function<void()>& waits) : lock_(account_files::
   PrivateLock::Outcome outcome = lock_.Take(kSilence);
   if (outcome == PrivateLock::Outcome::kBusy) {
     LogError(Here(), "Waiting for another login");
-    if (waits) {
-      waits();
-    }
+    if (waits) waits();
     outcome = lock_.Take(kLimit - kSilence);
   }
   if (outcome != PrivateLock::Outcome::kTaken) {

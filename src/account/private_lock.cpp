@@ -29,12 +29,8 @@ PrivateLock::Outcome PrivateLock::Take(std::chrono::milliseconds limit) {
     file_ = base::UniqueFd(open(path_, kFlags, kMode));
     reason = errno;
   });
-  if (!file_) {
-    return IsEverybodys(reason) ? Outcome::kTaken : Outcome::kFailed;
-  }
-  if (base::LockWithinLimit(file_.get(), limit)) {
-    return Outcome::kTaken;
-  }
+  if (!file_) return IsEverybodys(reason) ? Outcome::kTaken : Outcome::kFailed;
+  if (base::LockWithinLimit(file_.get(), limit)) return Outcome::kTaken;
   return errno == EWOULDBLOCK ? Outcome::kBusy : Outcome::kFailed;
 }
 

@@ -24,24 +24,18 @@ PrivilegeGuard::PrivilegeGuard(std::optional<LogSite> site)
   }
   entered_ = Enter();
   errno = entered_ ? 0 : EPERM;
-  if (!entered_) {
-    LogLost("ENTERCriticalSection");
-  }
+  if (!entered_) LogLost("ENTERCriticalSection");
 }
 
 PrivilegeGuard::~PrivilegeGuard() {
-  if (entered_ && !already_root_) {
-    Leave();
-  }
+  if (entered_ && !already_root_) Leave();
 }
 
 // The group goes first, so that the process is root in full from the moment its user is.
 bool PrivilegeGuard::Enter() {
   saved_user_ = geteuid();
   saved_group_ = getegid();
-  if (saved_group_ != kRootGroup && !SetEffectiveGroup(kRootGroup)) {
-    return false;
-  }
+  if (saved_group_ != kRootGroup && !SetEffectiveGroup(kRootGroup)) return false;
   return saved_user_ == kRootUser || SetEffectiveUser(kRootUser);
 }
 
@@ -55,9 +49,7 @@ void PrivilegeGuard::Leave() {
                         (!group_differs || SetEffectiveGroup(saved_group_)) &&
                         (!user_differs || SetEffectiveUser(saved_user_));
   errno = restored ? 0 : EPERM;
-  if (!restored) {
-    LogLost("LEAVECriticalSection");
-  }
+  if (!restored) LogLost("LEAVECriticalSection");
 }
 
 bool PrivilegeGuard::SetEffectiveGroup(gid_t group) {
@@ -65,9 +57,7 @@ bool PrivilegeGuard::SetEffectiveGroup(gid_t group) {
     LogFailure("resgid", group);
     return false;
   }
-  if (group == kRootGroup) {
-    LogRootTaken("resgid");
-  }
+  if (group == kRootGroup) LogRootTaken("resgid");
   return true;
 }
 
@@ -76,9 +66,7 @@ bool PrivilegeGuard::SetEffectiveUser(uid_t user) {
     LogFailure("resuid", user);
     return false;
   }
-  if (user == kRootUser) {
-    LogRootTaken("resuid");
-  }
+  if (user == kRootUser) LogRootTaken("resuid");
   return true;
 }
 
@@ -99,15 +87,11 @@ void PrivilegeGuard::LogFailure(const char* call, unsigned int target) const {
 }
 
 void PrivilegeGuard::LogLost(const char* section) const {
-  if (site_) {
-    LogAt(LOG_AUTH | LOG_ERR, *site_, "ERROR: %s", section);
-  }
+  if (site_) LogAt(LOG_AUTH | LOG_ERR, *site_, "ERROR: %s", section);
 }
 
 void LogPermissionFailure(LogSite site) {
-  if (errno == EPERM) {
-    LogError(site, "Change permission failed");
-  }
+  if (errno == EPERM) LogError(site, "Change permission failed");
 }
 
 }  // namespace nodelink

@@ -64,9 +64,7 @@ template <typename Operation>
 template <typename Operation>
 [[nodiscard]] bool RunPrivilegedSilently(Operation operation) {
   const PrivilegeGuard guard(std::nullopt);
-  if (guard.entered()) {
-    operation();
-  }
+  if (guard.entered()) operation();
   return guard.entered();
 }
 

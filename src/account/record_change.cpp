@@ -49,25 +49,19 @@ bool RemoveRecordFile(const base::UniqueFd& folder) {
 }  // namespace
 
 void RecordChange::Note(const LinkLock& /*lock*/, record::KeyWrite write) {
-  if (writes_.empty()) {
-    (void)RunPrivilegedSilently([this] { before_ = ReadRecord(); });
-  }
+  if (writes_.empty()) (void)RunPrivilegedSilently([this] { before_ = ReadRecord(); });
   writes_.push_back(std::move(write));
 }
 
 void RecordChange::Remove(const LinkLock& /*lock*/) {
   std::optional<std::string> record;
   (void)RunPrivilegedSilently([&record] { record = ReadRecord(); });
-  if (ZomiConfigRemove() == 0) {
-    removed_ = record.value_or("");
-  }
+  if (ZomiConfigRemove() == 0) removed_ = record.value_or("");
 }
 
 // A link is two keys: one of them alone, or beside another link's, is none.
 bool RecordChange::MayGoBack(const std::string& now, const record::KeyWrite& write) const {
-  if (!record::Holds(now, write)) {
-    return false;
-  }
+  if (!record::Holds(now, write)) return false;
   const auto is_ours = [&](const char* key) {
     return std::any_of(writes_.begin(), writes_.end(),
                        [&](const record::KeyWrite& other) {
@@ -83,48 +77,32 @@ bool RecordChange::MayGoBack(const std::string& now, const record::KeyWrite& wri
 std::optional<std::string> RecordChange::TakenBack(const std::optional<std::string>& now) const {
   const bool linked_anew = now && removed_;
   const bool stays_gone = !now && (!removed_ || removal_ == Removal::kStands);
-  if (linked_anew || stays_gone) {
-    return now;
-  }
+  if (linked_anew || stays_gone) return now;
   const std::string& written = now ? *now : *removed_;
   std::string text = written;
   for (const record::KeyWrite& write : writes_) {
-    if (MayGoBack(written, write)) {
-      text = record::WithLineOf(before_.value_or(""), text, write.key);
-    }
+    if (MayGoBack(written, write)) text = record::WithLineOf(before_.value_or(""), text, write.key);
   }
-  if (!before_ && text.empty()) {
-    return std::nullopt;
-  }
+  if (!before_ && text.empty()) return std::nullopt;
   // The writer ends a last line that has no end before it adds another.
   return before_ && text == *before_ + "\n" ? before_ : text;
 }
 
 bool RecordChange::TakeBack() const {
-  if (IsNoFile()) {
-    return true;
-  }
+  if (IsNoFile()) return true;
   const base::UniqueFd folder = base::LockFolderOf(account_files::kRecord);
-  if (!folder) {
-    return errno == ENOENT;
-  }
+  if (!folder) return errno == ENOENT;
   const std::optional<std::string> now = ReadRecord();
-  if (!now && errno != ENOENT) {
-    return false;
-  }
+  if (!now && errno != ENOENT) return false;
   const std::optional<std::string> wanted = TakenBack(now);
-  if (wanted == now) {
-    return true;
-  }
+  if (wanted == now) return true;
   return wanted ? base::ReplaceInFolder(folder, base::FileNameOf(account_files::kRecord), *wanted,
                                         kRoots)
                 : RemoveRecordFile(folder);
 }
 
 void RecordChange::Undo(const LinkLock& /*lock*/) {
-  if (writes_.empty() && !removed_) {
-    return;
-  }
+  if (writes_.empty() && !removed_) return;
   int reason = EPERM;
   bool done = false;
   (void)RunPrivilegedSilently([&] {

@@ -26,9 +26,7 @@ std::optional<std::string_view> LineOf(std::string_view text, std::string_view k
     const std::size_t end = text.find('\n', start);
     const std::size_t next = end == text.npos ? text.size() : end + 1;
     const std::string_view line = text.substr(start, next - start);
-    if (KeyOf(line.substr(0, line.find('\n'))) == key) {
-      return line;
-    }
+    if (KeyOf(line.substr(0, line.find('\n'))) == key) return line;
     start = next;
   }
   return std::nullopt;
@@ -46,15 +44,11 @@ bool HaveSameLine(std::string_view a, std::string_view b, std::string_view key) 
 
 std::string WithLineOf(std::string_view before, std::string text, std::string_view key) {
   const auto line = LineOf(text, key);
-  if (!line) {
-    return text;
-  }
+  if (!line) return text;
   const auto start = static_cast<std::size_t>(line->data() - text.data());
   const bool is_last = start + line->size() == text.size();
   std::string old_line(LineOf(before, key).value_or(""));
-  if (!is_last && !old_line.empty() && !old_line.ends_with('\n')) {
-    old_line += '\n';
-  }
+  if (!is_last && !old_line.empty() && !old_line.ends_with('\n')) old_line += '\n';
   return text.replace(start, line->size(), old_line);
 }
 

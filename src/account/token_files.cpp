@@ -34,28 +34,20 @@ std::string AsideOf(const std::string& name) {
 TokensSetAside::TokensSetAside(const LinkLock& /*lock*/) {
   (void)RunPrivilegedSilently([this] {
     names_ = TokenFiles();
-    for (const std::string& name : names_) {
-      std::rename(PathOf(name).c_str(), AsideOf(name).c_str());
-    }
+    for (const std::string& name : names_) std::rename(PathOf(name).c_str(), AsideOf(name).c_str());
   });
 }
 
 TokensSetAside::~TokensSetAside() {
-  if (names_.empty()) {
-    return;
-  }
+  if (names_.empty()) return;
   (void)RunPrivilegedSilently([this] {
-    for (const std::string& name : names_) {
-      std::rename(AsideOf(name).c_str(), PathOf(name).c_str());
-    }
+    for (const std::string& name : names_) std::rename(AsideOf(name).c_str(), PathOf(name).c_str());
   });
 }
 
 void TokensSetAside::Drop() {
   (void)RunPrivilegedSilently([this] {
-    for (const std::string& name : names_) {
-      unlink(AsideOf(name).c_str());
-    }
+    for (const std::string& name : names_) unlink(AsideOf(name).c_str());
     base::FlushFolderOf(account_files::kRecord);
   });
   names_.clear();
@@ -64,9 +56,7 @@ void TokensSetAside::Drop() {
 void RemoveAccountLeftovers(const LinkLock& /*lock*/) {
   (void)RunPrivilegedSilently([] {
     const base::UniqueFd folder = base::LockFolderOf(account_files::kRecord);
-    if (folder) {
-      base::RemoveLeftovers(folder, IsOfTheAccount);
-    }
+    if (folder) base::RemoveLeftovers(folder, IsOfTheAccount);
   });
 }
 

@@ -55,9 +55,7 @@ std::string UserImpl::ReadText(const char* key, const char* default_value) const
   const bool privileged = RunPrivileged(Here(), [&] {
     length = KLIBCFileGetKeyValue(account_files::kRecord, key, buffer.data(), kValueSize, 0);
   });
-  if (!privileged) {
-    throw ZomiException(kSystemError);
-  }
+  if (!privileged) throw ZomiException(kSystemError);
   return length > 0 ? buffer.data() : default_value;
 }
 
@@ -65,17 +63,11 @@ void UserImpl::WriteText(const char* key, const std::string& value) {
   bool written = false;
   const bool privileged = RunPrivileged(Here(), [&] {
     written = SetKeyValue(key, value);
-    if (!written) {
-      LogError(Here(), "Failed to set zomi config for %s:%s", key, value.c_str());
-    }
+    if (!written) LogError(Here(), "Failed to set zomi config for %s:%s", key, value.c_str());
     ProtectFile();
   });
-  if (!privileged) {
-    throw ZomiException(kSystemError);
-  }
-  if (!written) {
-    throw ZomiException(kAccountNotWritten);
-  }
+  if (!privileged) throw ZomiException(kSystemError);
+  if (!written) throw ZomiException(kAccountNotWritten);
 }
 
 User::User() : impl_(std::make_unique<UserImpl>()) {}

@@ -24,9 +24,7 @@ int ReadKeys(KLIBCSZLIST* keys, KLIBCSZHASH* values) {
   int count = 0;
   const bool privileged = RunPrivileged(
       Here(), [&] { count = KLIBCFileGetKeys(account_files::kRecord, keys, values, "="); });
-  if (!privileged) {
-    return Fail(kSystemError);
-  }
+  if (!privileged) return Fail(kSystemError);
   if (count < 0) {
     LogError(Here(), "KLIBCFileGetKeys() failed!! szFile=[%s], kivoerr=[0x%04X]",
              account_files::kRecord, static_cast<unsigned int>(KLIBCErrGet()));
@@ -50,12 +48,8 @@ int CopyValue(const KLIBCSZHASH* values, const char* key, std::array<char, 4096>
 }  // namespace
 
 int ZomiConfigGet(LegacyCredentials* credentials) {
-  if (credentials == nullptr) {
-    return Fail(kWrongParameters);
-  }
-  if (access(account_files::kRecord, F_OK) != 0) {
-    return Fail(kNoAccount);
-  }
+  if (credentials == nullptr) return Fail(kWrongParameters);
+  if (access(account_files::kRecord, F_OK) != 0) return Fail(kNoAccount);
   const SzList keys(KLIBCSzListAlloc(kInitialSize));
   const SzHash values(KLIBCSzHashAlloc(kInitialSize));
   if (!keys || !values || KLIBCSzListPush(keys.get(), kIdentifierKey) < 0 ||

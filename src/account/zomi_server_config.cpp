@@ -7,9 +7,7 @@
 #include "core/zomi_exception.h"
 
 extern "C" int KIVOZOMIServerConfigGet(KIVOZOMI_SERVER_CONFIG* config) {
-  if (config == nullptr) {
-    return nodelink::Fail(nodelink::kWrongParameters);
-  }
+  if (config == nullptr) return nodelink::Fail(nodelink::kWrongParameters);
   try {
     const nodelink::ServerInfo servers;
     std::snprintf(config->payment_host, sizeof(config->payment_host), "%s",

@@ -92,12 +92,8 @@ constexpr int kNoReportState = 2;
 
 int Report() {
   int state = kNoReportState;
-  if (KIVOScemdStatusGet(kDaemonItem, &state) == -1) {
-    LogError(Here(), "KIVOScemdStatusGet failed");
-  }
-  if (state == kNoReportState) {
-    return 0;
-  }
+  if (KIVOScemdStatusGet(kDaemonItem, &state) == -1) LogError(Here(), "KIVOScemdStatusGet failed");
+  if (state == kNoReportState) return 0;
   if (ReportDeviceInfo() < 0) {
     LogError(Here(), "Failed to report Zomi info, code=%u", LastErrorCode());
     return -1;
@@ -109,9 +105,7 @@ int Report() {
 // platform's string table.
 void NotifyLogout() {
   AccountData account;
-  if (ReadLinkedAccountData(account) < 0) {
-    return;
-  }
+  if (ReadLinkedAccountData(account) < 0) return;
   constexpr int kExecFlags = 0xBB;
   if (KLIBCExecl("/usr/kivo/bin/kivohosnotify", kExecFlags, "-e", "false", "-c",
                  "KIVO.WEB.AdminCenter.Application", "@administrators", "zomi:zomi_center",
@@ -153,9 +147,7 @@ void Update() {
 
 int RunCommand(int argc, char** argv) {
   const Options options = ParseOptions(argc, argv);
-  if (options.report) {
-    return Report();
-  }
+  if (options.report) return Report();
   if (options.notify) {
     NotifyLogout();
   } else if (options.query) {

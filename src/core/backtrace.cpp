@@ -26,9 +26,7 @@ std::string FrameLine(std::string_view symbol) {
   const std::size_t open = symbol.find('(');
   const std::size_t plus = open == symbol.npos ? open : symbol.find('+', open);
   const std::size_t close = plus == symbol.npos ? plus : symbol.find(')', plus);
-  if (close == symbol.npos) {
-    return "- " + std::string(symbol);
-  }
+  if (close == symbol.npos) return "- " + std::string(symbol);
   const std::string module(symbol.substr(0, open));
   const std::string function(symbol.substr(open + 1, plus - open - 1));
   const std::string offset(symbol.substr(plus + 1, close - plus - 1));

@@ -55,13 +55,9 @@ const char* ErrorCodeToText(std::uint32_t code) {
 }
 
 std::uint32_t ServerStatusToErrorCode(const char* word) {
-  if (word == nullptr) {
-    return kGenericError;
-  }
+  if (word == nullptr) return kGenericError;
   for (const ServerStatus& status : kServerStatuses) {
-    if (std::string_view(word).starts_with(status.word)) {
-      return status.code;
-    }
+    if (std::string_view(word).starts_with(status.word)) return status.code;
   }
   return kGenericError;
 }

@@ -36,9 +36,7 @@ std::size_t EndOfText(std::string_view document, std::size_t start) {
 // The end of the comment that begins at `start`; behind the one sign when it is none.
 std::size_t EndOfComment(std::string_view document, std::size_t start) {
   const std::string_view begin = document.substr(start, 2);
-  if (begin == "//") {
-    return document.find_first_of("\r\n", start);
-  }
+  if (begin == "//") return document.find_first_of("\r\n", start);
   const std::size_t end = begin == "/*" ? document.find("*/", start + 2) : start - 1;
   return end == document.npos ? end : end + 2;
 }
@@ -74,14 +72,10 @@ bool fromString(const std::string& text, Json::Value& value) {
   if (text.find('\0') != std::string::npos) {
     return false;  // jsoncpp would take it for the end of the text
   }
-  if (HasTooManyValues(text)) {
-    return false;
-  }
+  if (HasTooManyValues(text)) return false;
   try {
     const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
-    if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-      return true;
-    }
+    if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return true;
   } catch (const Json::Exception&) {
     // jsoncpp throws where other bad input makes it return false: nesting past its stack limit.
   }
@@ -102,9 +96,7 @@ std::string toString(const Json::Value& value) { return base::JsonText(value); }
 
 bool toFile(const Json::Value& value, const std::string& path) {
   const std::string text = base::JsonText(value, "  ", kLargestFile) + "\n";
-  if (text.size() > kLargestFile || HasTooManyValues(text)) {
-    return false;
-  }
+  if (text.size() > kLargestFile || HasTooManyValues(text)) return false;
   return base::AtomicReplace(path, text, kPrivateFile);
 }
 

@@ -21,9 +21,7 @@ std::string StyledText(const Json::Value& value, std::size_t limit) {
 
 std::optional<std::string> TextMember(const Json::Value& object, const char* name) {
   const Json::Value* member = Member(object, name);
-  if (member == nullptr || member->isObject() || member->isArray()) {
-    return std::nullopt;
-  }
+  if (member == nullptr || member->isObject() || member->isArray()) return std::nullopt;
   return member->asString();
 }
 

@@ -25,9 +25,7 @@ void OpenStandardStreams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     const bool closed = fcntl(stream, F_GETFD) < 0 && errno == EBADF;
     // Not close-on-exec, as no standard stream is.
-    if (closed && open("/dev/null", O_RDWR) != stream) {
-      _exit(EXIT_FAILURE);
-    }
+    if (closed && open("/dev/null", O_RDWR) != stream) _exit(EXIT_FAILURE);
   }
 }
 

@@ -14,15 +14,11 @@ constexpr std::size_t kBacktraceDepth = 16;
 // A message may quote a whole answer: no copy more than there must be.
 std::string FullText(std::string_view message, const std::vector<std::string>& lines) {
   std::size_t size = message.size() + 2;
-  for (const std::string& line : lines) {
-    size += line.size() + 1;
-  }
+  for (const std::string& line : lines) size += line.size() + 1;
   std::string text;
   text.reserve(size);
   text.append(message).append("\n");
-  for (const std::string& line : lines) {
-    text.append(line).append("\n");
-  }
+  for (const std::string& line : lines) text.append(line).append("\n");
   return text.append("\n");
 }
 

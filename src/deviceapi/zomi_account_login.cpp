@@ -129,9 +129,7 @@ int Refused(const Attempt& attempt, const Answer& answer) {
 
 // Asks, and once more with a new API key if that is what the server wants.
 int AskForLogin(Attempt& attempt, Answer& answer) {
-  if (Ask(attempt, answer) < 0) {
-    return -1;
-  }
+  if (Ask(attempt, answer) < 0) return -1;
   if (answer.code == kApiKeyNotFound && (ReplaceApiKey(attempt) < 0 || Ask(attempt, answer) < 0)) {
     return -1;
   }
@@ -163,9 +161,7 @@ std::optional<LinkIdentity> CurrentLink() {
 int StoreLink(const LinkIdentity& link, const std::optional<LinkIdentity>& link_before) {
   try {
     const LinkLock lock;
-    if (IsEndedLink(lock, link, link_before)) {
-      return FailLinkChanged(Here());
-    }
+    if (IsEndedLink(lock, link, link_before)) return FailLinkChanged(Here());
     ReplaceAccountLink(lock, link);
     return 0;
   } catch (const ZomiException& failure) {
@@ -184,9 +180,7 @@ bool IsStillLinked(const LinkLock& lock, const LinkIdentity& link) {
 void AddReportJob(const LinkIdentity& link) {
   try {
     const LinkLock lock;
-    if (IsReportDisabled() || !IsStillLinked(lock, link) || SaveReportJob()) {
-      return;
-    }
+    if (IsReportDisabled() || !IsStillLinked(lock, link) || SaveReportJob()) return;
   } catch (const ZomiException&) {
     // The schedule could not be read; the login stands all the same.
   }
@@ -210,9 +204,7 @@ int FollowUp(const std::string& identifier, const LinkIdentity& link, KLIBPLUGIN
   Json::Value account(Json::objectValue);
   RecordChange profile;
   (void)ZomiAccountQueryInfo(account, Refresh::kYes, Quick::kYes, profile);
-  if (!profile.removed() && !LinkStands(link)) {
-    return FailLinkChanged(Here());
-  }
+  if (!profile.removed() && !LinkStands(link)) return FailLinkChanged(Here());
   if (KLIBPluginAction(kLoggedInAction, plugin) < 0) {
     LogError(Here(), "KLIBPluginAction failed, action=%u", kLoggedInAction);
   }
@@ -237,17 +229,11 @@ int ZomiAccountLogin(const std::string& identifier, const std::string& password,
   Attempt attempt{identifier, quick, "", nullptr};
   Answer answer;
   LinkIdentity link;
-  if (Prepare(password, attempt) < 0) {
-    return -1;
-  }
+  if (Prepare(password, attempt) < 0) return -1;
   const std::optional<LinkIdentity> link_before = CurrentLink();
-  if (AskForLogin(attempt, answer) < 0 || ReadLink(answer, link) < 0) {
-    return -1;
-  }
+  if (AskForLogin(attempt, answer) < 0 || ReadLink(answer, link) < 0) return -1;
   answer.text = std::string();  // it may be large, and so may the profile that comes next
-  if (StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) {
-    return -1;
-  }
+  if (StoreLink(link, link_before) < 0 || FollowUp(identifier, link, plugin) < 0) return -1;
   result = std::move(answer.json);
   return 0;
 }

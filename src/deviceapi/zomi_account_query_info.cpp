@@ -80,9 +80,7 @@ std::uint64_t Age(std::int64_t then) {
 
 bool MustAskServer(const AccountData& cached, Refresh refresh) {
   const std::uint64_t age = Age(cached.last_query_time);
-  if (age < kNeverAskBelow) {
-    return false;
-  }
+  if (age < kNeverAskBelow) return false;
   return refresh == Refresh::kYes || age > kCacheAnswersTo;
 }
 
@@ -90,15 +88,11 @@ bool MustAskServer(const AccountData& cached, Refresh refresh) {
 int Ask(const AccountData& cached, Quick quick, Answer& answer) {
   std::string host;
   std::string serial;
-  if (FindAccountHost(Here(), host) < 0 || ReadSerialNumber(Here(), serial) < 0) {
-    return -1;
-  }
+  if (FindAccountHost(Here(), host) < 0 || ReadSerialNumber(Here(), serial) < 0) return -1;
   const SzHash form = MakeForm(Here(), {{"id", cached.zomi_id_serial.c_str()},
                                         {"auth_key", cached.hs_auth_key.c_str()},
                                         {"serial_no", serial.c_str()}});
-  if (!form || SendForm(Here(), host, kPath, form.get(), quick, answer.text) < 0) {
-    return -1;
-  }
+  if (!form || SendForm(Here(), host, kPath, form.get(), quick, answer.text) < 0) return -1;
   return ParseAnswer(Here(), answer.text, answer.json);
 }
 
@@ -113,15 +107,11 @@ void AppendName(std::string& list, const std::string& name, bool& first) {
 // False when the list is missing or one of its flags is no boolean.
 bool ReadCriticalVersions(const Json::Value& answer, Profile& profile) {
   const Json::Value* versions = json::ObjectMember(answer, "critical_version_list");
-  if (versions == nullptr) {
-    return false;
-  }
+  if (versions == nullptr) return false;
   bool first_of_all = true;
   bool first_that_is_true = true;
   for (auto version = versions->begin(); version != versions->end(); ++version) {
-    if (!version->isBool() && !version->isNull()) {
-      return false;
-    }
+    if (!version->isBool() && !version->isNull()) return false;
     AppendName(profile.critical_version_domain, version.name(), first_of_all);
     if (version->asBool()) {
       AppendName(profile.critical_version_list, version.name(), first_that_is_true);
@@ -135,16 +125,12 @@ std::optional<Profile> ReadProfile(const Json::Value& answer) {
   Profile profile;
   for (std::size_t index = 0; index < kTextFields.size(); ++index) {
     auto text = json::TextMember(answer, kTextFields[index].name);
-    if (!text) {
-      return std::nullopt;
-    }
+    if (!text) return std::nullopt;
     profile.texts[index] = std::move(*text);
   }
   for (std::size_t index = 0; index < kFlagFields.size(); ++index) {
     const auto flag = json::BoolMember(answer, kFlagFields[index].name);
-    if (!flag) {
-      return std::nullopt;
-    }
+    if (!flag) return std::nullopt;
     profile.flags[index] = *flag;
   }
   profile.realname_validation_pass =
@@ -208,12 +194,8 @@ int FillOutput(Json::Value& output) {
   try {
     const User user;
     output["auth_key"] = user.Get(record::kHsAuthKey);
-    for (const TextField& field : kTextFields) {
-      output[field.name] = user.Get(field.key);
-    }
-    for (const FlagField& field : kFlagFields) {
-      output[field.name] = user.Get(field.key);
-    }
+    for (const TextField& field : kTextFields) output[field.name] = user.Get(field.key);
+    for (const FlagField& field : kFlagFields) output[field.name] = user.Get(field.key);
     return 0;
   } catch (const ZomiException& failure) {
     LogError(Here(), "Failed to get user: %s", failure.what());
@@ -222,34 +204,24 @@ int FillOutput(Json::Value& output) {
 }
 
 int Act(const LinkLock& lock, RecordChange& change, Answer answer) {
-  if (json::TextMember(answer.json, "code") == "badauth") {
-    return LogOut(lock, change);
-  }
+  if (json::TextMember(answer.json, "code") == "badauth") return LogOut(lock, change);
   Profile profile;
-  if (Judge(answer, profile) < 0) {
-    return -1;
-  }
+  if (Judge(answer, profile) < 0) return -1;
   answer = {};
   return Store(lock, change, profile);
 }
 
 int ActIfStillLinked(const AccountData& cached, RecordChange& change, Answer answer) {
   const LinkLock lock;
-  if (!lock.Holds(LinkOf(cached))) {
-    return FailLinkChanged(Here());
-  }
+  if (!lock.Holds(LinkOf(cached))) return FailLinkChanged(Here());
   const int result = Act(lock, change, std::move(answer));
-  if (result < 0) {
-    change.Undo(lock);
-  }
+  if (result < 0) change.Undo(lock);
   return result;
 }
 
 int RefreshRecord(const AccountData& cached, Quick quick, RecordChange& change) {
   Answer answer;
-  if (Ask(cached, quick, answer) < 0) {
-    return -1;
-  }
+  if (Ask(cached, quick, answer) < 0) return -1;
   try {
     return ActIfStillLinked(cached, change, std::move(answer));
   } catch (const ZomiException& failure) {
@@ -273,12 +245,8 @@ int ZomiAccountQueryInfo(Json::Value& output, Refresh refresh, Quick quick, Reco
   }
   SetLastErrorCode(kSuccess);
   AccountData cached;
-  if (ReadAccountData(cached) < 0) {
-    return Fail(kNoAccount);
-  }
-  if (MustAskServer(cached, refresh) && RefreshRecord(cached, quick, change) < 0) {
-    return -1;
-  }
+  if (ReadAccountData(cached) < 0) return Fail(kNoAccount);
+  if (MustAskServer(cached, refresh) && RefreshRecord(cached, quick, change) < 0) return -1;
   return FillOutput(output);
 }
 

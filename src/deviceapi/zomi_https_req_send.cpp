@@ -141,17 +141,13 @@ bool IsRetryable(CURLcode result) {
 
 ErrorCode Transfer::Run(DeviceApiResponse& response) {
   params_.reset(static_cast<char*>(std::calloc(params_size_, 1)));
-  if (!params_) {
-    return kSystemError;
-  }
+  if (!params_) return kSystemError;
   curl_.reset(curl_easy_init());
   if (!curl_) {
     LogError(Here(), "failed to init pCurl");
     return kRequestNotSent;
   }
-  if (!BuildParams()) {
-    return kRequestNotSent;
-  }
+  if (!BuildParams()) return kRequestNotSent;
   BuildUrl();
   const bool answered = Prepare() && Perform() && ReadStatus(response) && TakeAnswer(response);
   response.transfer_result = result_;
@@ -160,9 +156,7 @@ ErrorCode Transfer::Run(DeviceApiResponse& response) {
 
 bool Transfer::BuildParams() {
   const char* given_serial = KLIBCSzHashGetValue(request_.params, "hs_sn");
-  if (given_serial != nullptr) {
-    std::snprintf(serial_.data(), serial_.size(), "%s", given_serial);
-  }
+  if (given_serial != nullptr) std::snprintf(serial_.data(), serial_.size(), "%s", given_serial);
   std::array<char, kDeviceTokenSize> token{};
   if (DeviceTokenGenerate(request_.account_id, request_.account_password, serial_.data(),
                           serial_.size(), token.data(), token.size()) != 0) {
@@ -195,9 +189,7 @@ bool Transfer::AppendHash(const KLIBCSZLIST* keys) {
   const char* key = nullptr;
   for (int index = 0; (key = KLIBCSzListGet(keys, index)) != nullptr; ++index) {
     const char* value = KLIBCSzHashGetValue(request_.params, key);
-    if (value != nullptr && !AppendParam(key, value)) {
-      return false;
-    }
+    if (value != nullptr && !AppendParam(key, value)) return false;
   }
   return true;
 }
@@ -222,9 +214,7 @@ bool Transfer::Prepare() {
 }
 
 bool Transfer::SetForm() {
-  if (request_.use_get == 1 || *params_ == '\0') {
-    return true;
-  }
+  if (request_.use_get == 1 || *params_ == '\0') return true;
   if (!Set(CURLOPT_POST, 1L) || !Set(CURLOPT_POSTFIELDS, params_.get())) {
     LogError(Here(), "%s, Failed to set POST parameters, code=%d, err=%s", url_.data(), result_,
              Reason());
@@ -318,17 +308,13 @@ bool Transfer::Perform() {
   for (int attempt = 1; attempt <= attempts; ++attempt) {
     received_.Clear();
     result_ = curl_easy_perform(curl_.get());
-    if (result_ == CURLE_OK) {
-      return true;
-    }
+    if (result_ == CURLE_OK) return true;
     if (!IsRetryable(result_)) {
       LogError(Here(), "%s, Failed to curl perform, code=%d, err=%s", url_.data(), result_,
                Reason());
       return false;
     }
-    if (attempt == attempts - 1) {
-      (void)Set(CURLOPT_IPRESOLVE, long{CURL_IPRESOLVE_V4});
-    }
+    if (attempt == attempts - 1) (void)Set(CURLOPT_IPRESOLVE, long{CURL_IPRESOLVE_V4});
     sleep(1);
   }
   received_.Clear();  // part of a body is no answer
@@ -383,9 +369,7 @@ int DeviceApiAppendParam(void* curl, const char* name, const char* value, char**
     return -1;
   }
   for (const char* text : {first ? "" : "&", name, "=", static_cast<const char*>(encoded.get())}) {
-    if (*text != '\0' && KLIBCStrCat(buffer, size, text) < 0) {
-      return ConcatFailed();
-    }
+    if (*text != '\0' && KLIBCStrCat(buffer, size, text) < 0) return ConcatFailed();
   }
   return 0;
 }

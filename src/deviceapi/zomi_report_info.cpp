@@ -40,9 +40,7 @@ int ReadZoneName(std::string& zone) {
 // The zone's name in the time-zone database.
 int ReadTimezone(std::string& timezone) {
   std::string zone;
-  if (ReadZoneName(zone) < 0) {
-    return -1;
-  }
+  if (ReadZoneName(zone) < 0) return -1;
   const SzHash info(KLIBCSzHashAlloc(kZoneInfoSize));
   if (!info) {
     LogError(Here(), "Failed to alloc pTZInfo, err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
@@ -81,9 +79,7 @@ int Ask(const AccountData& account, std::string& text) {
 // schedule that cannot be stored does not keep the verdict from being acted on.
 void StoreSchedule(const Json::Value& answer) {
   const auto schedule = json::TextMember(answer, "report_cron_timestring");
-  if (!schedule) {
-    return;
-  }
+  if (!schedule) return;
   try {
     User().Set(record::kReportCronTimestring, *schedule);
   } catch (const ZomiException& failure) {
@@ -117,9 +113,7 @@ void NotifyOfTheEnd(const AccountData& account, std::uint32_t code) {
 // What the answer means for this device; false when it is an answer for another link.
 bool Act(const AccountData& account, const Json::Value& answer, std::uint32_t code) {
   const LinkLock lock;
-  if (!lock.Holds(LinkOf(account))) {
-    return false;
-  }
+  if (!lock.Holds(LinkOf(account))) return false;
   StoreSchedule(answer);
   if (code == kSuccess) {
     UpdateReportJob(lock);
@@ -130,9 +124,7 @@ bool Act(const AccountData& account, const Json::Value& answer, std::uint32_t co
 }
 
 int Refused(const AccountData& account, std::uint32_t code, const std::string& text) {
-  if (EndsTheLink(code)) {
-    LogOut(account);
-  }
+  if (EndsTheLink(code)) LogOut(account);
   SetLastErrorCode(code);
   LogError(Here(), "Failed to query service check, resp=%s", text.c_str());
   return -1;
@@ -150,17 +142,11 @@ int Accepted() {
 
 int Judge(const AccountData& account, const std::string& text) {
   Json::Value answer;
-  if (ParseAnswer(Here(), text, answer) < 0) {
-    return -1;
-  }
+  if (ParseAnswer(Here(), text, answer) < 0) return -1;
   const auto word = json::TextMember(answer, "code");
-  if (!word) {
-    return Fail(kBadResponse);
-  }
+  if (!word) return Fail(kBadResponse);
   const std::uint32_t code = ServerStatusToErrorCode(word->c_str());
-  if (!Act(account, answer, code)) {
-    return FailLinkChanged(Here());
-  }
+  if (!Act(account, answer, code)) return FailLinkChanged(Here());
   return code == kSuccess ? Accepted() : Refused(account, code, text);
 }
 
@@ -169,9 +155,7 @@ int Judge(const AccountData& account, const std::string& text) {
 int ReportDeviceInfo() {
   SetLastErrorCode(kSuccess);
   AccountData account;
-  if (ReadLinkedAccountData(account) < 0 || IsReportDisabled()) {
-    return 0;
-  }
+  if (ReadLinkedAccountData(account) < 0 || IsReportDisabled()) return 0;
   try {
     std::string text;
     return Ask(account, text) < 0 ? -1 : Judge(account, text);

@@ -40,9 +40,7 @@ int RefuseSerial(LogSite site, const char* serial) {
 }
 
 int EnsureSerial(char* serial, std::size_t size) {
-  if (serial == nullptr || *serial == '\0') {
-    return DeviceSerialNumberGet(serial, size);
-  }
+  if (serial == nullptr || *serial == '\0') return DeviceSerialNumberGet(serial, size);
   return IsAcceptable(serial) ? 0 : RefuseSerial(kGivenSerialInvalidSite, serial);
 }
 
@@ -85,9 +83,7 @@ long RoundCount(std::array<char, kDeviceTokenSize>& digest) {
 }  // namespace
 
 int Md5Hex(const char* text, char* output, std::size_t size) {
-  if (text == nullptr || size < kHexDigits) {
-    return -1;
-  }
+  if (text == nullptr || size < kHexDigits) return -1;
   std::memset(output, 0, size);
   MD5_CTX context;
   std::array<unsigned char, MD5_DIGEST_LENGTH> digest{};
@@ -107,20 +103,14 @@ int TokenHashRounds(const char* text, char* output, std::size_t size) {
     return -1;
   }
   std::array<char, kDeviceTokenSize> digest{};
-  if (Digest(text, digest.data(), digest.size()) != 0) {
-    return -1;
-  }
+  if (Digest(text, digest.data(), digest.size()) != 0) return -1;
   std::array<char, kWorkingTextSize> working{};
   std::snprintf(working.data(), working.size(), "%s", text);
   for (long rounds = RoundCount(digest); rounds > 0; --rounds) {
-    if (Digest(working.data(), digest.data(), digest.size()) != 0) {
-      return -1;
-    }
+    if (Digest(working.data(), digest.data(), digest.size()) != 0) return -1;
     std::array<char, kWorkingTextSize + kDeviceTokenSize> scratch{};
     std::snprintf(scratch.data(), scratch.size(), "%s%s", working.data(), digest.data());
-    if (Digest(scratch.data(), working.data(), working.size()) != 0) {
-      return -1;
-    }
+    if (Digest(scratch.data(), working.data(), working.size()) != 0) return -1;
   }
   std::snprintf(output, size, "%s", working.data());
   return 0;
@@ -143,13 +133,9 @@ int DeviceSerialNumberGet(char* buffer, std::size_t size) {
 
 int DeviceTokenGenerate(const char* account_id, const char* password, char* serial,
                         std::size_t serial_size, char* token, std::size_t token_size) {
-  if (EnsureSerial(serial, serial_size) != 0) {
-    return -1;
-  }
+  if (EnsureSerial(serial, serial_size) != 0) return -1;
   const HeapText text = Join({serial, account_id, password});
-  if (!text) {
-    return -1;
-  }
+  if (!text) return -1;
   if (TokenHashRounds(text.get(), token, token_size) != 0) {
     LogError(Here(), "GenerateToken Failed, err=[0x%04X %s:%d]", PLATFORM_ERROR_TRIPLE);
     return -1;

@@ -45,9 +45,7 @@ class Worker {
       program_.Stop();
       why = "the answer is malformed";
     }
-    if (!answer) {
-      LogError(Here(), "Failed to ask %s: %s", kWorker, why.c_str());
-    }
+    if (!answer) LogError(Here(), "Failed to ask %s: %s", kWorker, why.c_str());
     return answer;
   }
 
@@ -65,12 +63,8 @@ Worker& TheWorker() {
 template <typename Result>
 std::optional<Result> Ask(const Question& question, std::chrono::seconds limit, std::string& why) {
   auto answer = TheWorker().Ask(question, limit + kGrace, why);
-  if (!answer) {
-    return std::nullopt;
-  }
-  for (const http::LogFact& fact : answer->log) {
-    http::Log(fact);
-  }
+  if (!answer) return std::nullopt;
+  for (const http::LogFact& fact : answer->log) http::Log(fact);
   return std::get<Result>(std::move(answer->result));
 }
 
@@ -81,18 +75,14 @@ bool NamesSerialNumber(const KLIBCSZHASH* params) {
 
 bool ReadSerialNumber(DeviceApiQuestion& question) {
   std::array<char, kSerialSize> serial{};
-  if (KLIBGetSerialNumber(serial.data(), kSerialSize) < 0) {
-    return false;
-  }
+  if (KLIBGetSerialNumber(serial.data(), kSerialSize) < 0) return false;
   question.serial_number = serial.data();
   return true;
 }
 
 bool ReadParams(const KLIBCSZHASH* params, DeviceApiQuestion& question) {
   const SzList keys(KLIBCSzListAlloc(kKeyListSize));
-  if (!keys || KLIBCSzHashEnumKey(params, keys.get()) <= 0) {
-    return false;
-  }
+  if (!keys || KLIBCSzHashEnumKey(params, keys.get()) <= 0) return false;
   const char* key = nullptr;
   for (int index = 0; (key = KLIBCSzListGet(keys.get(), index)) != nullptr; ++index) {
     if (const char* value = KLIBCSzHashGetValue(params, key)) {
@@ -104,9 +94,7 @@ bool ReadParams(const KLIBCSZHASH* params, DeviceApiQuestion& question) {
 
 bool ReadUserAgent(DeviceApiQuestion& question) {
   std::array<char, kAgentSize> agent{};
-  if (KLIBHsinfoUserAgentGet(kProduct, agent.data(), kAgentSize) < 0) {
-    return false;
-  }
+  if (KLIBHsinfoUserAgentGet(kProduct, agent.data(), kAgentSize) < 0) return false;
   question.user_agent = agent.data();
   return true;
 }
@@ -133,9 +121,7 @@ DeviceApiQuestion QuestionOf(const DeviceApiRequest& request) {
 int Give(const DeviceApiAnswer& answer, DeviceApiResponse& response) {
   response.transfer_result = answer.transfer_result;
   response.http_status = answer.http_status;
-  if (answer.code != kSuccess) {
-    return Fail(answer.code);
-  }
+  if (answer.code != kSuccess) return Fail(answer.code);
   response.body = strdup(answer.body.c_str());
   return response.body == nullptr ? Fail(kSystemError) : 0;
 }

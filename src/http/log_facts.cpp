@@ -115,9 +115,7 @@ std::optional<LogFact> FactOf(LogSite site, std::string_view format, va_list val
   const auto found = std::find_if(kFormats.begin(), kFormats.end(), [&](const LogFormat& known) {
     return known.file == site.file && known.format == format;
   });
-  if (found == kFormats.end()) {
-    return std::nullopt;
-  }
+  if (found == kFormats.end()) return std::nullopt;
   LogFact fact = {static_cast<std::size_t>(found - kFormats.begin()), site.line, {}};
   va_list rest;
   va_copy(rest, values);

@@ -30,9 +30,7 @@ Kind TakeKind(MessageReader& reader) {
 template <typename Item, typename PutItem>
 void PutList(MessageWriter& writer, const std::vector<Item>& items, PutItem put) {
   writer.Number(static_cast<std::int64_t>(items.size()));
-  for (const Item& item : items) {
-    put(writer, item);
-  }
+  for (const Item& item : items) put(writer, item);
 }
 
 template <typename Item, typename TakeItem>
@@ -48,9 +46,7 @@ std::vector<Item> TakeList(MessageReader& reader, std::int64_t most, TakeItem ta
 template <typename Value, typename PutValue>
 void PutOptional(MessageWriter& writer, const std::optional<Value>& value, PutValue put) {
   writer.Number(value ? 1 : 0);
-  if (value) {
-    put(writer, *value);
-  }
+  if (value) put(writer, *value);
 }
 
 template <typename Value, typename TakeValue>
@@ -225,9 +221,7 @@ std::optional<Question> DecodeQuestion(const std::string& message) {
 std::optional<Answer> DecodeAnswer(const std::string& message, const Question& question) {
   MessageReader reader(message);
   const bool is_device_api = std::holds_alternative<DeviceApiQuestion>(question);
-  if (TakeKind(reader) != (is_device_api ? Kind::kDeviceApi : Kind::kPost)) {
-    return std::nullopt;
-  }
+  if (TakeKind(reader) != (is_device_api ? Kind::kDeviceApi : Kind::kPost)) return std::nullopt;
   return is_device_api ? Take(reader, TakeDeviceApiAnswer) : Take(reader, TakeHttpAnswer);
 }
 

@@ -58,9 +58,7 @@ HttpAnswer Send(const HttpRequest& request) {
 // Only a program of another make asks what cannot be read.
 std::string AnswerTo(const std::string& message) {
   const std::optional<Question> question = DecodeQuestion(message);
-  if (!question) {
-    std::_Exit(EXIT_FAILURE);
-  }
+  if (!question) std::_Exit(EXIT_FAILURE);
   Answer answer;
   std::visit([&answer](const auto& asked) { answer.result = Send(asked); }, *question);
   answer.log = TakeLog();

@@ -16,9 +16,7 @@ std::vector<LogFact>& TheLog() {
 
 // As the platform does: cut to the buffer, or -1 when it cannot tell.
 int Give(const std::optional<std::string>& text, char* buffer, int size) {
-  if (!text) {
-    return -1;
-  }
+  if (!text) return -1;
   std::snprintf(buffer, static_cast<std::size_t>(size), "%s", text->c_str());
   return 0;
 }
@@ -38,9 +36,7 @@ void LogError(LogSite site, const char* format, ...) {
   va_start(values, format);
   auto fact = http::FactOf(site, format, values);
   va_end(values);
-  if (fact && http::TheLog().size() < http::kMostFacts) {
-    http::TheLog().push_back(std::move(*fact));
-  }
+  if (fact && http::TheLog().size() < http::kMostFacts) http::TheLog().push_back(std::move(*fact));
 }
 
 }  // namespace nodelink

@@ -68,9 +68,7 @@ HttpForm GrantForm(const Json::Value& config, const CodePair& pair) {
   std::vector<std::string> scopes;
   boost::algorithm::split(scopes, text("scope"), boost::algorithm::is_any_of(" "),
                           boost::algorithm::token_compress_on);
-  for (const std::string& scope : scopes) {
-    form.emplace_back("scopes[]", scope);
-  }
+  for (const std::string& scope : scopes) form.emplace_back("scopes[]", scope);
   return form;
 }
 
@@ -84,9 +82,7 @@ std::string ReadGrantCode(const HttpAnswer& answer) {
   Json::Value response;
   ParseJson(answer.text, response);
   const auto code = json::FilledTextMember(response, "grant_code");
-  if (!code) {
-    throw ZomiException(kBadResponse, AnswerText("parse grant by authkey resp", answer));
-  }
+  if (!code) throw ZomiException(kBadResponse, AnswerText("parse grant by authkey resp", answer));
   return *code;
 }
 
@@ -98,14 +94,10 @@ void CheckLogout(const HttpAnswer& answer) {
   if (!response.isObject()) {
     throw ZomiException(kWrongJsonFormat, AnswerText("parse logout resp", answer));
   }
-  if (!response.isMember("code")) {
-    return;
-  }
+  if (!response.isMember("code")) return;
   const auto word = json::TextMember(response, "code");
   const std::uint32_t code = ServerStatusToErrorCode(word ? word->c_str() : nullptr);
-  if (code != kSuccess) {
-    throw ZomiException(code, "Failed to logout with success code");
-  }
+  if (code != kSuccess) throw ZomiException(code, "Failed to logout with success code");
 }
 
 // Whether the answer has the member, of whatever type, and it is not empty.
@@ -128,14 +120,10 @@ void StoreIdentity(RecordChange& change, const Json::Value& identity,
                    const std::optional<LinkIdentity>& link_before) {
   const auto id = json::FilledTextMember(identity, "user_id");
   const auto auth_key = json::FilledTextMember(identity, "auth_key");
-  if (!id || !auth_key) {
-    throw ZomiException(kBadResponse);
-  }
+  if (!id || !auth_key) throw ZomiException(kBadResponse);
   const LinkIdentity link = {*id, *auth_key};
   const LinkLock lock;
-  if (IsEndedLink(lock, link, link_before)) {
-    throw LinkChanged(Here());
-  }
+  if (IsEndedLink(lock, link, link_before)) throw LinkChanged(Here());
   const ServerInfo servers;
   const std::string account_host = servers.AccountHost();
   const std::string identity_host = servers.IdentityHost();
@@ -178,9 +166,7 @@ void ClearTokens(const LinkLock& lock) {
 }
 
 void CheckLink(const LinkLock& lock, const std::optional<LinkIdentity>& link) {
-  if (lock.Link() != link) {
-    throw LinkChanged(Here());
-  }
+  if (lock.Link() != link) throw LinkChanged(Here());
 }
 
 void Clear(const LinkLock& lock) {
@@ -268,15 +254,11 @@ void AccountPkceServiceImpl::EndLink(const Link& link, AccessToken access_token)
   if (access_token == AccessToken::kInclude) {
     const std::string token = GetTokenWithRescue(&PkceClient::GetAccessToken, link);
     CheckLink(LinkLock(), link);  // the token may have been waited for, and be another link's
-    if (!token.empty()) {
-      form.emplace_back("access_token", token);
-    }
+    if (!token.empty()) form.emplace_back("access_token", token);
   }
   CheckLogout(PostToAccount(kLogoutPath, GetLoginClientId(), std::move(form)));
   const LinkLock lock;
-  if (!link || !lock.HoldsAnother(*link)) {
-    Clear(lock);
-  }
+  if (!link || !lock.HoldsAnother(*link)) Clear(lock);
 }
 
 void AccountPkceServiceImpl::ClearLocalAccount() { Clear(LinkLock()); }
@@ -293,15 +275,11 @@ std::string AccountPkceServiceImpl::GetIdTokenWithRescue() {
 // these are tried.
 std::string AccountPkceServiceImpl::GetTokenWithRescue(TokenReader read, const Link& link) {
   const TokenRequest asked_for = client_.RequestFor(link);
-  if (!client_.HasToken() && !StoredAuthKey().empty()) {
-    Grant(asked_for);
-  }
+  if (!client_.HasToken() && !StoredAuthKey().empty()) Grant(asked_for);
   try {
     return (client_.*read)();
   } catch (const ZomiException& failure) {
-    if (failure.code() != kAuthFailed) {
-      throw;
-    }
+    if (failure.code() != kAuthFailed) throw;
   }
   Rescue(asked_for);
   return (client_.*read)();

@@ -33,9 +33,7 @@ constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 int OpenOrCreate(const char* path) {
   const mode_t old_umask = umask(kSharedUmask);
   int fd = open(path, kOpenFlags | O_CREAT, kSharedMode);
-  if (fd < 0 && errno == EACCES) {
-    fd = open(path, kOpenFlags);
-  }
+  if (fd < 0 && errno == EACCES) fd = open(path, kOpenFlags);
   umask(old_umask);
   return fd;
 }
@@ -83,18 +81,14 @@ FileLock::FileLock(std::string path, std::int32_t mode) : path_(std::move(path))
 FileLock::~FileLock() { Unlock(); }
 
 bool FileLock::Lock(unsigned int timeout_seconds) {
-  if (!EnsureExists(path_)) {
-    return false;
-  }
+  if (!EnsureExists(path_)) return false;
   Unlock();
   const int exclusive = mode_ == 0 ? 1 : 0;
   const auto deadline = std::chrono::system_clock::now() + std::chrono::seconds(timeout_seconds);
   BackOff back_off;
   while (std::chrono::system_clock::now() < deadline) {
     if (KLIBCFileLockByFile(path_.c_str(), exclusive, &fd_) != 0) {
-      if (IsWhereOthersLook(fd_, path_)) {
-        return true;
-      }
+      if (IsWhereOthersLook(fd_, path_)) return true;
       Unlock();
     }
     back_off.Sleep();

@@ -23,9 +23,7 @@ void CheckTransfer(const std::string& what, const HttpAnswer& answer) {
 }
 
 void CheckStatus(const std::string& what, const HttpAnswer& answer) {
-  if (answer.status != kOk) {
-    throw ZomiException(kBadResponse, AnswerText(what, answer));
-  }
+  if (answer.status != kOk) throw ZomiException(kBadResponse, AnswerText(what, answer));
 }
 
 }  // namespace nodelink

@@ -21,9 +21,7 @@ bool HasLineBreak(const std::string& value) {
 bool IsSendable(const HttpRequest& request) {
   bool sendable = !HasLineBreak(request.user_agent);
   for (const HttpHeaders& set : request.header_sets) {
-    for (const auto& [name, value] : set) {
-      sendable = sendable && !HasLineBreak(value);
-    }
+    for (const auto& [name, value] : set) sendable = sendable && !HasLineBreak(value);
   }
   return sendable;
 }
@@ -60,16 +58,12 @@ void Forget(cpr::Session& session) {
 }
 
 void SetHeaders(cpr::Session& session, const std::vector<HttpHeaders>& sets) {
-  for (const HttpHeaders& set : sets) {
-    session.SetHeader(cpr::Header(set.begin(), set.end()));
-  }
+  for (const HttpHeaders& set : sets) session.SetHeader(cpr::Header(set.begin(), set.end()));
 }
 
 void SetForm(cpr::Session& session, const HttpForm& form) {
   std::vector<cpr::Pair> pairs;
-  for (const auto& [name, value] : form) {
-    pairs.emplace_back(name, value);
-  }
+  for (const auto& [name, value] : form) pairs.emplace_back(name, value);
   session.SetPayload(cpr::Payload(pairs.begin(), pairs.end()));
 }
 

@@ -86,9 +86,7 @@ class TokenLock {
 bool HasAllTokens(const Json::Value& response) {
   constexpr std::array kTokens = {"access_token", "id_token", "refresh_token"};
   for (const char* token : kTokens) {
-    if (!json::FilledTextMember(response, token)) {
-      return false;
-    }
+    if (!json::FilledTextMember(response, token)) return false;
   }
   return true;
 }
@@ -126,13 +124,9 @@ std::string PkceClientImpl::ConfigText(const char* name) const {
 }
 
 std::string PkceClientImpl::ReadTokenValue(const std::string& key, Null null) const {
-  if (!HasToken()) {
-    throw ZomiException(kNoToken, "Failed to find an existed token file");
-  }
+  if (!HasToken()) throw ZomiException(kNoToken, "Failed to find an existed token file");
   Json::Value tokens;
-  if (!json::fromFile(GetTokenPath(), tokens)) {
-    throw ZomiException(kWrongJsonFormat);
-  }
+  if (!json::fromFile(GetTokenPath(), tokens)) throw ZomiException(kWrongJsonFormat);
   const auto value = json::TextMember(tokens, key.c_str());
   if (!value || (null == Null::kIsMissing && tokens[key].isNull())) {
     throw ZomiException(kNoToken, "Failed to get key: " + key);
@@ -153,9 +147,7 @@ bool PkceClientImpl::IsExpired() const { return GetExpireTime() < std::time(null
 
 std::string PkceClientImpl::GetToken(const char* key) {
   const TokenLock lock(LockPath("_get_token"));
-  if (IsExpired()) {
-    RenewToken();
-  }
+  if (IsExpired()) RenewToken();
   return ReadTokenValue(key);
 }
 
@@ -180,9 +172,7 @@ TokenRequest PkceClientImpl::RenewalRequest() const {
 
 // False when somebody has stored newer tokens of the same link.
 bool PkceClientImpl::MayStore(const LinkLock& lock, const TokenRequest& asked_for) const {
-  if (lock.Link() != asked_for.link) {
-    throw LinkChanged(Here());
-  }
+  if (lock.Link() != asked_for.link) throw LinkChanged(Here());
   const std::string stored = StoredRefreshToken();
   return stored.empty() || stored == asked_for.refresh_token;
 }
@@ -192,9 +182,7 @@ void PkceClientImpl::SaveToken(const Json::Value& response, const TokenRequest* 
   Json::Value tokens = response;
   tokens["created_at"] = static_cast<Json::Int64>(std::time(nullptr));
   const LinkLock link;
-  if (asked_for == nullptr || MayStore(link, *asked_for)) {
-    SaveJson(GetTokenPath(), tokens);
-  }
+  if (asked_for == nullptr || MayStore(link, *asked_for)) SaveJson(GetTokenPath(), tokens);
 }
 
 HttpAnswer PkceClientImpl::Send(HttpForm form) const {

@@ -24,9 +24,7 @@ std::string DeviceScope(std::string scope) {
 
 Json::Value LoadPkceConfig(const std::string& path) {
   Json::Value raw;
-  if (!json::fromFile(path, raw)) {
-    throw ZomiException(kWrongJsonFormat);
-  }
+  if (!json::fromFile(path, raw)) throw ZomiException(kWrongJsonFormat);
   return BuildPkceConfig(raw);
 }
 

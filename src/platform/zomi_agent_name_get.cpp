@@ -15,9 +15,7 @@ constexpr LogSite kFailureSite{"zomi_agent_name_get", 17};
 }  // namespace
 
 int DeviceApiUserAgentGet(char* buffer, int size) {
-  if (buffer == nullptr || size <= 0) {
-    return Fail(kWrongParameters);
-  }
+  if (buffer == nullptr || size <= 0) return Fail(kWrongParameters);
   if (KLIBHsinfoUserAgentGet(kProduct, buffer, size) < 0) {
     LogError(kFailureSite, "KLIBHsinfoUserAgentGet failed, kivoerr=[0x%04X %s:%d]",
              PLATFORM_ERROR_TRIPLE);

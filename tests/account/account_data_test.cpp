@@ -99,9 +99,7 @@ TEST_F(AccountDataTest, RecordThatCannotBeReadIsNotAnEmptyOne) {
 }
 
 TEST_F(AccountDataTest, MissingRecordReadsAsDefaultsForARealUserThatIsNotRoot) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   const std::string result = RunInChild([this] {
     BecomeIds({1026, 1026, 0, 100, 100, 0});
     return std::to_string(ReadAccountData(data_));

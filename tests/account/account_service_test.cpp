@@ -48,9 +48,7 @@ TEST_F(AccountServiceTest, LoginGivesTheServersAnswer) {
 TEST_F(AccountServiceTest, LoginTakesItsTime) {
   std::vector<long> limits;
   hooks().curl_setopt = [&limits](CURLoption option, const interpose::CurlValue& value) {
-    if (option == CURLOPT_TIMEOUT) {
-      limits.push_back(std::get<long>(value));
-    }
+    if (option == CURLOPT_TIMEOUT) limits.push_back(std::get<long>(value));
     return std::optional<CURLcode>();
   };
   (void)Login();
@@ -111,9 +109,7 @@ TEST_F(AccountServiceQueryTest, GivesTheProfile) {
 TEST_F(AccountServiceQueryTest, IsQuick) {
   std::vector<long> limits;
   hooks().curl_setopt = [&limits](CURLoption option, const interpose::CurlValue& value) {
-    if (option == CURLOPT_TIMEOUT) {
-      limits.push_back(std::get<long>(value));
-    }
+    if (option == CURLOPT_TIMEOUT) limits.push_back(std::get<long>(value));
     return std::optional<CURLcode>();
   };
   (void)AccountService().query();
@@ -234,9 +230,7 @@ TEST_F(UpdateCrondJobTest, AJobThatCannotBeSavedIsOnlyLogged) {
 }
 
 TEST_F(UpdateCrondJobTest, ARecordThatCannotBeReadThrows) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user to become";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   EXPECT_EQ(RunInChild([] {
               BecomeIds({1026, 1026, 1026, 100, 100, 100});
               return std::to_string(Catch(Update).code);

@@ -83,9 +83,7 @@ TEST_F(LinkLockTest, ALongKeyIsComparedWhole) {
 }
 
 TEST_F(LinkLockTest, RaisesPrivilegesInSilence) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user to become";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   WriteRecord(kRecord);
   const std::string held = RunInChild([] {
     BecomeIds({1026, 1026, 0, 100, 100, 0});

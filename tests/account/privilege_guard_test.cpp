@@ -117,9 +117,7 @@ std::string PassThrough(const Ids& ids, int failing_call = 0) {
 class PrivilegeGuardTest : public PlatformTest {
  protected:
   void SetUp() override {
-    if (!HasOtherUsers()) {
-      GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
-    }
+    if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
     WriteRecord(kRecord);
   }
 
@@ -229,9 +227,7 @@ TEST_P(FailedLeaveTest, SkipsTheRestAndIsLoggedOnly) {
                 GetParam().calls + "errno 1\n" + GetParam().ids);
   std::vector<std::string> lines = {"auth.info guarded WARNING: setresgid(-1, 0, -1)",
                                     "auth.info guarded WARNING: setresuid(-1, 0, -1)"};
-  if (GetParam().root_taken) {
-    lines.emplace_back("auth.info guarded WARNING: setresuid(-1, 0, -1)");
-  }
+  if (GetParam().root_taken) lines.emplace_back("auth.info guarded WARNING: setresuid(-1, 0, -1)");
   lines.push_back(std::string("auth.err guarded ERROR: ") + GetParam().error +
                   " [Resource temporarily unavailable]");
   lines.emplace_back("auth.err guarded ERROR: LEAVECriticalSection");
@@ -355,9 +351,7 @@ std::string RunFlow(const GuardedFlow& flow, const Ids& ids, int failing_call = 
 }
 
 std::vector<std::string> WithFile(const std::string& file, std::vector<std::string> lines) {
-  for (std::string& line : lines) {
-    line.replace(line.find('@'), 1, file);
-  }
+  for (std::string& line : lines) line.replace(line.find('@'), 1, file);
   return lines;
 }
 

@@ -18,9 +18,7 @@ namespace nodelink {
 // Mode, owner and group of the record, as "600 0:0"; "none" when there is none.
 inline std::string RecordProtection() {
   struct stat status {};
-  if (stat(account_files::kRecord, &status) != 0) {
-    return "none";
-  }
+  if (stat(account_files::kRecord, &status) != 0) return "none";
   constexpr unsigned int kOctal = 8;
   std::string mode;
   for (unsigned int rest = status.st_mode & 07777U; rest != 0; rest /= kOctal) {

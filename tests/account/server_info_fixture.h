@@ -20,9 +20,7 @@ class ServersTest : public PlatformTest {
   template <typename Exception>
   static void ThrowOnRead(const std::string& key, const Exception& exception) {
     platform().OnCall("KLIBCFileGetKeyValue", [key, code = exception](const fake_hos::Call& call) {
-      if (call.args.at(1) == key) {
-        throw Exception(code);
-      }
+      if (call.args.at(1) == key) throw Exception(code);
     });
   }
 

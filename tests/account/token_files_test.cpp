@@ -16,9 +16,7 @@ using testing::IsEmpty;
 class TokenFilesTest : public PlatformTest {
  protected:
   ~TokenFilesTest() override {
-    for (const std::string& name : Names()) {
-      std::filesystem::remove(account_files::kFolder + name);
-    }
+    for (const std::string& name : Names()) std::filesystem::remove(account_files::kFolder + name);
   }
 
   static void Make(const std::string& name) {
@@ -30,9 +28,7 @@ class TokenFilesTest : public PlatformTest {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(account_files::kFolder)) {
       const std::string name = entry.path().filename();
-      if (!name.ends_with(".lock")) {
-        names.push_back(name);
-      }
+      if (!name.ends_with(".lock")) names.push_back(name);
     }
     std::sort(names.begin(), names.end());
     return names;

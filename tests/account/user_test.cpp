@@ -62,9 +62,7 @@ class UserTest : public PlatformTest {
 
 TEST_F(UserTest, TextKeysHaveTheirNamesAndDefaultsWithoutARecord) {
   std::vector<KeyDefault> keys;
-  for (const TextKey& key : TextKeys()) {
-    keys.push_back({key.name, user_.Get(key)});
-  }
+  for (const TextKey& key : TextKeys()) keys.push_back({key.name, user_.Get(key)});
   EXPECT_THAT(
       keys, ElementsAre(KeyDefault{"account_host", ""}, KeyDefault{"identity_host", ""},
                         KeyDefault{"zomiID", ""}, KeyDefault{"zomiIDSerial", ""},

@@ -20,9 +20,7 @@ class ZomiConfigRemoveTest : public PlatformTest {
 
 std::vector<std::string> CallTexts() {
   std::vector<std::string> texts;
-  for (const fake_hos::Call& call : fake_hos::platform().calls()) {
-    texts.push_back(call.ToText());
-  }
+  for (const fake_hos::Call& call : fake_hos::platform().calls()) texts.push_back(call.ToText());
   return texts;
 }
 

@@ -108,9 +108,7 @@ class ChannelOfAProcess : public ChannelTest {
   // A process that has ended, though this one holds its end of the channel open.
   static UniqueFd EndedProcess(pid_t& child) {
     child = fork();
-    if (child == 0) {
-      _exit(0);
-    }
+    if (child == 0) _exit(0);
     return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   }
 };

@@ -45,9 +45,7 @@ class ConfinedProgramTest : public testing::Test {
   // The next program that is started is of this character.
   static void Become(const std::string& character) {
     const std::string file = "/usr/kivo/lib/" + character;
-    for (const std::string& link : {file, std::string(kProgram)}) {
-      test_files::Remove(link);
-    }
+    for (const std::string& link : {file, std::string(kProgram)}) test_files::Remove(link);
     ASSERT_EQ(symlink(kHostile, file.c_str()), 0);
     ASSERT_EQ(symlink(file.c_str(), kProgram), 0);
   }

@@ -51,9 +51,7 @@ void RememberSurroundings() {
 
 // A child that should not be must not go on as this program.
 long Forked(long result) {
-  if (result == 0) {
-    _exit(0);
-  }
+  if (result == 0) _exit(0);
   return result;
 }
 
@@ -291,9 +289,7 @@ constexpr Try kCalls[] = {
 
 std::string Names() {
   std::string names;
-  for (const Try& thing : kCalls) {
-    names += std::string(thing.name) + "\n";
-  }
+  for (const Try& thing : kCalls) names += std::string(thing.name) + "\n";
   return names;
 }
 
@@ -371,9 +367,7 @@ constexpr Try kOthers[] = {
 bool Resolves(const char* name) {
   addrinfo* found = nullptr;
   const int result = getaddrinfo(name, nullptr, nullptr, &found);
-  if (result == 0) {
-    freeaddrinfo(found);
-  }
+  if (result == 0) freeaddrinfo(found);
   return result == 0;
 }
 
@@ -389,9 +383,7 @@ bool Says(int port) { return send(ConnectTo(port), "x", 1, MSG_NOSIGNAL) == 1; }
 // Tells the listener that it waits, and then does, for ever.
 [[noreturn]] void Hang(int port) {
   (void)Says(port);
-  for (;;) {
-    (void)poll(nullptr, 0, -1);
-  }
+  for (;;) (void)poll(nullptr, 0, -1);
 }
 
 bool StartsThreads() {
@@ -410,9 +402,7 @@ bool Reads(const std::string& path) { return std::ifstream(path).get() != EOF; }
 // --- What it has. ---
 
 std::string KindOf(const struct stat& status) {
-  if (S_ISSOCK(status.st_mode)) {
-    return "socket";
-  }
+  if (S_ISSOCK(status.st_mode)) return "socket";
   return S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3) ? "null" : "other";
 }
 
@@ -446,9 +436,7 @@ const Try* Find(std::string_view name) {
                                     {std::begin(kOthers), std::end(kOthers)}}) {
     const Try* found =
         std::find_if(first, last, [&](const Try& each) { return each.name == name; });
-    if (found != last) {
-      return found;
-    }
+    if (found != last) return found;
   }
   return nullptr;
 }

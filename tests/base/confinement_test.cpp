@@ -69,9 +69,7 @@ std::string Answer(ConfinedProgram& program, const std::string& question) {
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
 }
 
@@ -112,9 +110,7 @@ class Confinement : public testing::TestWithParam<Caller> {
     test_files::MakeFolder("/tmp/open/folder", 0777);
     test_files::MakeFolder("/tmp/open", 0777);
     test_files::Write("/etc/ssl/certs/ca-certificates.crt", "a certificate");
-    for (const char* path : kSecrets) {
-      test_files::Write(path, "secret", 0600);
-    }
+    for (const char* path : kSecrets) test_files::Write(path, "secret", 0600);
   }
 
   // What `flow` gives in a process of the caller's ids.
@@ -144,9 +140,7 @@ class Confinement : public testing::TestWithParam<Caller> {
       std::string list;
       for (const std::string& question : questions) {
         const std::string answer = Answer(program, question);
-        if (answer != expected) {
-          list.append(question).append(": ").append(answer).append("\n");
-        }
+        if (answer != expected) list.append(question).append(": ").append(answer).append("\n");
       }
       return list;
     });
@@ -159,9 +153,7 @@ class Confinement : public testing::TestWithParam<Caller> {
   static std::vector<std::string> Each(const std::string& word) {
     std::vector<std::string> questions;
     questions.reserve(kSecrets.size());
-    for (const char* path : kSecrets) {
-      questions.push_back(word + " " + path);
-    }
+    for (const char* path : kSecrets) questions.push_back(word + " " + path);
     return questions;
   }
 
@@ -227,16 +219,12 @@ TEST_P(Confinement, RefusesWhatTheKernelTellsOfProcesses) {
     }
     return answers + Answer(program, "write /proc/self/mem");
   });
-  if (!HasLandlock()) {
-    GTEST_SKIP() << "this kernel confines no files";
-  }
+  if (!HasLandlock()) GTEST_SKIP() << "this kernel confines no files";
   EXPECT_EQ(list, std::to_string(EPERM));
 }
 
 TEST_P(Confinement, RefusesFoldersAndDevices) {
-  if (!HasLandlock()) {
-    GTEST_SKIP() << "this kernel confines no files";
-  }
+  if (!HasLandlock()) GTEST_SKIP() << "this kernel confines no files";
   EXPECT_EQ(NotRefused({"read /", "read /tmp", "read /etc", "read /etc/ssl/certs", "read /proc",
                         "read /etc/passwd", "read /dev/zero", "read /dev/random", "read /bin/true"},
                        EACCES),
@@ -338,9 +326,7 @@ TEST_P(Confinement, LeavesNoDescriptorButTheChannel) {
 
 TEST_P(Confinement, LeavesNoDescriptorOfACallerWithoutStreams) {
   const std::string kinds = AsCaller([](ConfinedProgram& program) {
-    for (int fd = 0; fd <= 2; ++fd) {
-      (void)close(fd);
-    }
+    for (int fd = 0; fd <= 2; ++fd) (void)close(fd);
     return Answer(program, "descriptors");
   });
   EXPECT_EQ(kinds, "0 null\n1 null\n2 null\n3 socket\n");
@@ -443,9 +429,7 @@ std::string FourTimes(const std::string& id) { return id + "\t" + id + "\t" + id
 class ConfinementOfRoot : public Confinement {
  protected:
   void SetUp() override {
-    if (!HasOtherUsers()) {
-      GTEST_SKIP() << "the lab of an ordinary user has no other users";
-    }
+    if (!HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
     Confinement::SetUp();
   }
 

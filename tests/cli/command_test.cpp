@@ -116,9 +116,7 @@ TEST_F(CommandTest, UpdateSavesTheJobAndPrintsNothing) {
 }
 
 TEST_F(CommandTest, UpdateWithoutReadingTheRecordIsPrinted) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user to become";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   const std::string said = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     const Outcome outcome = RunNodelink("--update");

@@ -338,9 +338,7 @@ TEST_F(NodelinkTest, QueryHasTheFullTimeLimit) {
   LastQueried(300);
   long limit = 0;
   hooks().curl_setopt = [&](CURLoption option, const interpose::CurlValue& value) {
-    if (option == CURLOPT_TIMEOUT) {
-      limit = std::get<long>(value);
-    }
+    if (option == CURLOPT_TIMEOUT) limit = std::get<long>(value);
     return std::nullopt;
   };
   (void)Nodelink({"--query_account"});
@@ -359,9 +357,7 @@ TEST_F(NodelinkTest, QueryWithAnyFailingCallPrintsAnAccountOrTheFailure) {
     platform().Reset();
     platform().FailNthCallOverall(n);
     const Outcome outcome = Nodelink({"--query_account", "--cache"});
-    if (!platform().nth_call_fired()) {
-      break;
-    }
+    if (!platform().nth_call_fired()) break;
     EXPECT_THAT(outcome.out, testing::AnyOf("Query account failed", StartsWith("{\"activated\"")))
         << "failed platform call number " << n << ": " << platform().nth_call().ToText();
     EXPECT_EQ(outcome.status, 0);
@@ -402,9 +398,7 @@ TEST_F(NodelinkTest, UpdateWritesTheJobAndPrintsNothing) {
 TEST_F(NodelinkTest, FailedUpdateIsPrintedWithoutALineEndOfItsOwn) {
   hooks().backtrace = [](void**, int) { return 0; };
   platform().OnCall("KLIBCFileGetKeyValue", [](const fake_hos::Call& call) {
-    if (call.args.at(1) == "report_cron_timestring") {
-      throw ZomiException(kSystemError);
-    }
+    if (call.args.at(1) == "report_cron_timestring") throw ZomiException(kSystemError);
   });
   const Outcome outcome = Nodelink({"--update"});
   EXPECT_EQ(outcome.out, "Failed to update crond: System error [code=6]\n- empty\n\n");

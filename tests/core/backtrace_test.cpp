@@ -16,9 +16,7 @@ using testing::IsEmpty;
 // One heap block of pointers and texts, as backtrace_symbols gives it: the caller frees it.
 char** SymbolBlock(const std::vector<std::string>& symbols) {
   std::size_t size = symbols.size() * sizeof(char*);
-  for (const std::string& symbol : symbols) {
-    size += symbol.size() + 1;
-  }
+  for (const std::string& symbol : symbols) size += symbol.size() + 1;
   auto* block = static_cast<char**>(std::malloc(size));
   char* text = reinterpret_cast<char*>(block + symbols.size());
   for (std::size_t index = 0; index < symbols.size(); ++index) {

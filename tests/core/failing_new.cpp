@@ -11,9 +11,7 @@ constexpr int kFailed = -2;
 int left = kOff;  // before the one that fails
 
 bool Fails() {
-  if (left < 0) {
-    return false;
-  }
+  if (left < 0) return false;
   left = left == 0 ? kFailed : left - 1;
   return left == kFailed;
 }
@@ -34,9 +32,7 @@ bool StopFailingNew() {
 
 void* operator new(std::size_t size) {
   void* block = Fails() ? nullptr : std::malloc(size);
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
+  if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 

@@ -18,10 +18,10 @@ namespace devcloud_test {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-inline constexpr const char* kSerial = "NL00000001A";
-inline constexpr const char* kMac = "02:00:5e:10:00:01";
-inline constexpr const char* kEmail = "anna@example.org";
-inline constexpr const char* kPassword = "correct horse";
+inline constexpr char kSerial[] = "NL00000001A";
+inline constexpr char kMac[] = "02:00:5e:10:00:01";
+inline constexpr char kEmail[] = "anna@example.org";
+inline constexpr char kPassword[] = "correct horse";
 
 inline std::string Encode(const Pairs& pairs) {
   return pairs.empty() ? "" : devcloud::AppendQuery("", pairs).substr(1);

@@ -7,8 +7,8 @@
 namespace devcloud_test {
 namespace {
 
-constexpr const char* kQuery = "/device/api/user/query";
-constexpr const char* kRegister = "/cloudservice/api/v1/apikey/register";
+constexpr char kQuery[] = "/device/api/user/query";
+constexpr char kRegister[] = "/cloudservice/api/v1/apikey/register";
 
 TEST_F(CloudTest, UnknownPathsAndMethods) {
   EXPECT_EQ(PostForm("/nothing", {}).status, 404);

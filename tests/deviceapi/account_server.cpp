@@ -10,16 +10,12 @@ constexpr char kCaBundle[] = "/etc/ssl/certs/ca-certificates.crt";
 
 std::string ListText(const curl_slist* list) {
   std::string text;
-  for (; list != nullptr; list = list->next) {
-    text += "[" + std::string(list->data) + "]";
-  }
+  for (; list != nullptr; list = list->next) text += "[" + std::string(list->data) + "]";
   return text;
 }
 
 std::string ValueText(CURLoption option, const interpose::CurlValue& value) {
-  if (std::holds_alternative<long>(value)) {
-    return std::to_string(std::get<long>(value));
-  }
+  if (std::holds_alternative<long>(value)) return std::to_string(std::get<long>(value));
   const void* pointer = std::get<void*>(value);
   switch (curl_easy_option_by_id(option)->type) {
     case CURLOT_STRING:
@@ -71,9 +67,7 @@ void AccountServer::Show(devcloud::TlsChoice choice) {
 
 devcloud::Request AccountServer::OnlyRequest() const {
   const auto all = requests();
-  if (all.size() != 1) {
-    throw std::runtime_error(std::to_string(all.size()) + " requests came");
-  }
+  if (all.size() != 1) throw std::runtime_error(std::to_string(all.size()) + " requests came");
   return all.front();
 }
 
@@ -97,17 +91,13 @@ std::optional<CURLcode> DeviceApiTest::OnOption(CURLoption option,
                                                 const interpose::CurlValue& value) {
   const std::string name = curl_easy_option_by_id(option)->name;
   options_.push_back(name + "=" + ValueText(option, value));
-  if (option == CURLOPT_IPRESOLVE) {
-    steps_.push_back(options_.back());
-  }
+  if (option == CURLOPT_IPRESOLVE) steps_.push_back(options_.back());
   return option == failing_option_ ? std::optional(CURLE_OUT_OF_MEMORY) : std::nullopt;
 }
 
 std::optional<CURLcode> DeviceApiTest::OnPerform() {
   steps_.emplace_back("perform");
-  if (script_.empty()) {
-    return std::nullopt;
-  }
+  if (script_.empty()) return std::nullopt;
   const CURLcode result = script_.front();
   script_.erase(script_.begin());
   return result == CURLE_OK ? std::nullopt : std::optional(result);

@@ -9,9 +9,7 @@ inline std::string RowText(const std::string& text) {
   constexpr std::size_t kShown = 40;
   std::string shown = text.substr(0, kShown);
   for (char& character : shown) {
-    if (std::isalnum(static_cast<unsigned char>(character)) == 0) {
-      character = '_';
-    }
+    if (std::isalnum(static_cast<unsigned char>(character)) == 0) character = '_';
   }
   return shown;
 }

@@ -21,18 +21,14 @@ Outcome SenderTest::Send() {
   request.use_get = use_get_;
   request.quick = quick_;
   nodelink::SetLastErrorCode(kUntouchedCode);
-  if (failing_call_ != 0) {
-    platform().FailNthCallOverall(failing_call_);
-  }
+  if (failing_call_ != 0) platform().FailNthCallOverall(failing_call_);
   nodelink::DeviceApiResponse response{};
   Outcome outcome;
   outcome.result = nodelink::DeviceApiSend(&request, &response);
   outcome.code = nodelink::LastErrorCode();
   outcome.transfer_result = response.transfer_result;
   outcome.http_status = response.http_status;
-  if (response.body != nullptr) {
-    outcome.body = response.body;
-  }
+  if (response.body != nullptr) outcome.body = response.body;
   nodelink::DeviceApiResponseFree(&response);
   return outcome;
 }

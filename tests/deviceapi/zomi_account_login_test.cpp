@@ -84,9 +84,7 @@ class PasswordLoginTest : public SessionTest {
   // The values that the requests' time limits were set to, in seconds.
   std::vector<long>& RecordTimeLimits() {
     hooks().curl_setopt = [this](CURLoption option, const interpose::CurlValue& value) {
-      if (option == CURLOPT_TIMEOUT) {
-        limits_.push_back(std::get<long>(value));
-      }
+      if (option == CURLOPT_TIMEOUT) limits_.push_back(std::get<long>(value));
       return std::optional<CURLcode>();
     };
     return limits_;
@@ -111,9 +109,7 @@ TEST_F(PasswordLoginTest, SendsTheFormOfTheLogin) {
 TEST_F(PasswordLoginTest, StoresSerialThenAuthKeyAndTheProfile) {
   ExpectSuccess();
   std::vector<std::string> keys;
-  for (const Call& call : platform().calls("KLIBCFileSetKeyValue")) {
-    keys.push_back(call.args[1]);
-  }
+  for (const Call& call : platform().calls("KLIBCFileSetKeyValue")) keys.push_back(call.args[1]);
   ASSERT_GE(keys.size(), 3U);
   keys.resize(3);
   EXPECT_THAT(keys, ElementsAre("zomiIDSerial", "hs_auth_key", "zomiID"));
@@ -241,9 +237,7 @@ TEST_P(LoginLocalFailureTest, EndsTheLogin) {
   GetParam().cause(platform());
   ExpectFailure(GetParam().code);
   std::vector<std::string> expected;
-  for (const std::string& line : GetParam().log) {
-    expected.push_back("zomi_account_login " + line);
-  }
+  for (const std::string& line : GetParam().log) expected.push_back("zomi_account_login " + line);
   EXPECT_EQ(Log(), expected);
   EXPECT_THAT(server_.requests(), IsEmpty());
 }

@@ -105,9 +105,7 @@ std::string Compact(const Json::Value& value) { return nodelink::json::toString(
 std::string ValueIn(const std::string& record, const std::string& key) {
   const std::string begin = "\n" + key + "=\"";
   const std::size_t at = ("\n" + record).find(begin);
-  if (at == std::string::npos) {
-    return "(none)";
-  }
+  if (at == std::string::npos) return "(none)";
   const std::size_t from = at + begin.size() - 1;
   return record.substr(from, record.find("\"\n", from) - from);
 }
@@ -823,9 +821,7 @@ TEST_F(QueryTest, TheLockIsHeldFromTheFirstReadToTheLast) {
   std::vector<std::string> unlocked;
   for (const char* name : {"KLIBCFileGetKeys", "KLIBCFileGetKeyValue", "KLIBCFileSetKeyValue"}) {
     platform().OnCall(name, [&unlocked](const Call& call) {
-      if (LockIsFree()) {
-        unlocked.push_back(call.ToText());
-      }
+      if (LockIsFree()) unlocked.push_back(call.ToText());
     });
   }
   std::atomic<bool> free_during_request = true;
@@ -984,9 +980,7 @@ class PrivilegeTest : public QueryTest {
   static constexpr uid_t kUser = 1026;
 
   void SetUp() override {
-    if (!HasOtherUsers()) {
-      GTEST_SKIP() << "this sandbox has no other users";
-    }
+    if (!HasOtherUsers()) GTEST_SKIP() << "this sandbox has no other users";
   }
 
   // "RESULT CODE EMAIL" of a query by a process with these ids, where the `failing`th change of the
@@ -995,9 +989,7 @@ class PrivilegeTest : public QueryTest {
     int calls = 0;
     BecomeIds(ids);
     hooks().setresuid = [&](uid_t real, uid_t effective, uid_t saved) {
-      if (++calls != failing) {
-        return interpose::RealSetresuid(real, effective, saved);
-      }
+      if (++calls != failing) return interpose::RealSetresuid(real, effective, saved);
       errno = EPERM;
       return -1;
     };
@@ -1027,9 +1019,7 @@ class PrivilegeTest : public QueryTest {
                         outcome == "-1 6 anna@example.org";
     const bool right =
         outcome.starts_with("0 ") ? written : failed && (written || ReadRecord() == old_record_);
-    if (!right) {
-      complaints += std::to_string(failing) + ": " + outcome + "\n";
-    }
+    if (!right) complaints += std::to_string(failing) + ": " + outcome + "\n";
     return outcome.ends_with(" all");
   }
 };
@@ -1060,9 +1050,7 @@ TEST_F(PrivilegeTest, EachChangeThatIsRefused) {
   const std::string complaints = RunInChild([&] {
     std::string text;
     int refused = 1;
-    while (!RefusedChangeIsTheLast(refused, text)) {
-      ++refused;
-    }
+    while (!RefusedChangeIsTheLast(refused, text)) ++refused;
     return text + (refused > 40 ? "" : "only " + std::to_string(refused) + " changes");
   });
   EXPECT_EQ(complaints, "");
@@ -1080,9 +1068,7 @@ class EachCallTest : public QueryTest {
       WriteRecord(old_record_);
       platform().FailNthCallOverall(nth);
       const Outcome outcome = Query();
-      if (!platform().nth_call_fired()) {
-        break;
-      }
+      if (!platform().nth_call_fired()) break;
       SCOPED_TRACE("N=" + std::to_string(nth) + " " + platform().nth_call().ToText());
       EXPECT_EQ(platform().live_objects(), 0);
       EXPECT_TRUE(LockIsFree());

@@ -517,9 +517,7 @@ class BrokenOffTest : public SenderTest {
     auto count = hooks().curl_perform;
     hooks().curl_perform = [this, count](CURL* curl) -> std::optional<CURLcode> {
       (void)count(curl);
-      if (timeouts_-- <= 0) {
-        return std::nullopt;
-      }
+      if (timeouts_-- <= 0) return std::nullopt;
       EXPECT_EQ(interpose::RealCurlEasyPerform(curl), CURLE_OK);
       return CURLE_OPERATION_TIMEDOUT;
     };
@@ -870,9 +868,7 @@ TEST_F(SenderTest, EachPlatformCallThatFails) {
   for (failing_call_ = 1;; ++failing_call_) {
     platform().Reset();
     const Outcome outcome = Send();
-    if (!platform().nth_call_fired()) {
-      break;
-    }
+    if (!platform().nth_call_fired()) break;
     SCOPED_TRACE(std::to_string(failing_call_) + ": " + platform().nth_call().ToText());
     const std::string name = platform().nth_call().name;
     const bool survives = name == "KLIBHsinfoUserAgentGet" || name == "KLIBCStrTrimSpace";

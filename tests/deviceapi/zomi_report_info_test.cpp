@@ -149,9 +149,7 @@ TEST_F(ReportTest, TheTimeZoneIsTheDatabasesName) {
 TEST_F(ReportTest, TakesItsTime) {
   std::vector<long> limits;
   hooks().curl_setopt = [&limits](CURLoption option, const interpose::CurlValue& value) {
-    if (option == CURLOPT_TIMEOUT) {
-      limits.push_back(std::get<long>(value));
-    }
+    if (option == CURLOPT_TIMEOUT) limits.push_back(std::get<long>(value));
     return std::optional<CURLcode>();
   };
   ExpectSuccess();

@@ -92,9 +92,7 @@ TEST_F(TokenTest, EveryTokenIsTheOneThatAnIndependentProgramComputed) {
 
 TEST_F(TokenTest, TheVectorsCoverEveryFirstDigit) {
   std::set<int> rounds;
-  for (const Vector& vector : ReadVectors()) {
-    rounds.insert(Rounds(vector.Text()));
-  }
+  for (const Vector& vector : ReadVectors()) rounds.insert(Rounds(vector.Text()));
   EXPECT_EQ(rounds.size(), 16U);
 }
 
@@ -336,9 +334,7 @@ TEST_F(TokenTest, AnEmptyTextHasATokenToo) {
 }
 
 std::string IteratedMd5(std::string text, int rounds) {
-  for (; rounds > 0; --rounds) {
-    text = Md5(text + Md5(text));
-  }
+  for (; rounds > 0; --rounds) text = Md5(text + Md5(text));
   return text;
 }
 

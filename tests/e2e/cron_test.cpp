@@ -8,9 +8,7 @@ namespace {
 
 // cron becomes the user of each job, even if that is its own.
 TEST_F(DeviceTest, CronStartsTheReport) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   const devcloud::Link link = LinkDevice();
   test_files::Write(kRecord,
                     test_files::Read(kRecord) + "zomiID=\"" + kEmail +

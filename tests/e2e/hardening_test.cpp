@@ -185,9 +185,7 @@ TEST_F(Hardening, PlugInsStartAfresh) {
 
 // Everybody may open cron's folders, and hold the locks on them.
 TEST_F(Hardening, NoOrdinaryUserKeepsTheReportsJobAway) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   lab::BackgroundProcess other(
       {"flock", "/etc", "flock", "/etc/cron.d", "sh", "-c", "echo held; cat"},
       {.uid = 1026, .gid = 100});

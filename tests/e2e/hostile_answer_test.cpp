@@ -27,9 +27,7 @@ struct HostileAnswer {
 std::string Repeat(const std::string& text, std::size_t size) {
   std::string all;
   all.reserve(size + text.size());
-  while (all.size() < size) {
-    all += text;
-  }
+  while (all.size() < size) all += text;
   return all;
 }
 
@@ -204,21 +202,15 @@ class HostileAnswerTest : public HttpsFlowTest {
 };
 
 TEST_P(HostileAnswerTest, BadTextIsAFailure) {
-  for (const HostileAnswer& answer : BadTexts()) {
-    Answer(answer);
-  }
+  for (const HostileAnswer& answer : BadTexts()) Answer(answer);
 }
 
 TEST_P(HostileAnswerTest, BadBodyIsAFailure) {
-  for (const HostileAnswer& answer : BadBodies()) {
-    Answer(answer);
-  }
+  for (const HostileAnswer& answer : BadBodies()) Answer(answer);
 }
 
 TEST_P(HostileAnswerTest, BadHeadIsAFailure) {
-  for (const HostileAnswer& answer : BadHeads()) {
-    Answer(answer);
-  }
+  for (const HostileAnswer& answer : BadHeads()) Answer(answer);
 }
 
 // On a clock that runs a hundred and twenty times as fast.

@@ -67,9 +67,7 @@ void BadHost::SetAnswer(devcloud::Response answer, std::function<void()> look) {
 
 devcloud::Response BadHost::Answer() {
   const std::lock_guard lock(mutex_);
-  if (look_) {
-    look_();
-  }
+  if (look_) look_();
   return answer_;
 }
 
@@ -86,9 +84,7 @@ HttpsFlowTest::HttpsFlowTest() : bad_(GetParam().request.host(), Tls({})) {
 
 void HttpsFlowTest::Prepare() {
   test_files::Write(kRecord, record_, 0600);
-  for (const char* path : {kTokens, kApiKeyFile, kReportJob}) {
-    unlink(path);
-  }
+  for (const char* path : {kTokens, kApiKeyFile, kReportJob}) unlink(path);
   const lab::Stored stored = GetParam().flow.stored;
   if (stored == lab::Stored::kNothing) return;
   test_files::Write(kApiKeyFile, "api-key-secret\n", 0600);

@@ -118,9 +118,7 @@ class LeastPrivilege : public DeviceTest {
 
 std::string ModeAndOwner(const std::string& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    return "missing";
-  }
+  if (stat(path.c_str(), &status) != 0) return "missing";
   std::ostringstream text;
   text << std::oct << (status.st_mode & 07777U) << std::dec << " " << status.st_uid << ":"
        << status.st_gid;
@@ -161,9 +159,7 @@ class Traced : public LeastPrivilege {
     EndIt();
     std::istringstream file(test_files::Read(kTrace));
     std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-      lines.push_back(line);
-    }
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
     return lines;
   }
 };
@@ -248,9 +244,7 @@ class Secrets : public LeastPrivilege {
     Nodelink("--query_account");
     LogInByPassword();
     Nodelink("--report_info");
-    if (test_files::Exists(kTokens)) {
-      AgeTokens(7200);
-    }
+    if (test_files::Exists(kTokens)) AgeTokens(7200);
     Nodelink("--logout");
     RunProgram("nodelink-login", {"--browser"}, "a-code-of-no-use\n");
   }
@@ -311,9 +305,7 @@ class Children : public LeastPrivilege {
     const std::regex descriptor("([0-9]+) (.*)");
     std::smatch match;
     for (std::string line; std::getline(lines, line);) {
-      if (!std::regex_match(line, match, descriptor)) {
-        continue;
-      }
+      if (!std::regex_match(line, match, descriptor)) continue;
       const bool shells_own = match[2] == kProbe || match[2].str().starts_with("pipe:") ||
                               match[2].str().ends_with("/probe-plugin") || match[1] == "255";
       EXPECT_TRUE(shells_own || match[2] == "/dev/null") << line;

@@ -42,14 +42,10 @@ class Crowd {
   }
 
   std::vector<lab::ProcessResult> Run() {
-    for (const auto& member : members_) {
-      member->CloseStdin();
-    }
+    for (const auto& member : members_) member->CloseStdin();
     std::vector<lab::ProcessResult> results;
     results.reserve(members_.size());
-    for (const auto& member : members_) {
-      results.push_back(member->Wait());
-    }
+    for (const auto& member : members_) results.push_back(member->Wait());
     return results;
   }
 
@@ -76,9 +72,7 @@ TEST_F(ManyAtOnce, QueriesOnAStaleCacheMakeOneRequest) {
   SetLastQueryAge(300);
   const std::size_t before = Requests(kQueryPath).size();
   Crowd crowd;
-  for (int index = 0; index < kMany; ++index) {
-    crowd.Add("--query_account");
-  }
+  for (int index = 0; index < kMany; ++index) crowd.Add("--query_account");
   for (const auto& result : crowd.Run()) {
     EXPECT_EQ(result.out, answer);
     EXPECT_EQ(result.exit_status, 0);
@@ -93,9 +87,7 @@ TEST_F(ManyAtOnce, ReportsOnAnExpiredTokenMakeOneRenewal) {
   const std::string old_token = Tokens()["refresh_token"].asString();
   const std::size_t before = Requests(kTokenPath).size();
   Crowd crowd;
-  for (int index = 0; index < kMany; ++index) {
-    crowd.Add("--report_info");
-  }
+  for (int index = 0; index < kMany; ++index) crowd.Add("--report_info");
   for (const auto& result : crowd.Run()) {
     EXPECT_EQ(result.exit_status, 0);
   }

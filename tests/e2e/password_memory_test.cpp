@@ -54,9 +54,7 @@ std::vector<Region> RegionsWith(pid_t pid, const std::string& text) {
     const ssize_t count =
         pread(memory.get(), bytes.data(), bytes.size(), static_cast<off_t>(region.begin));
     bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    if (bytes.find(text) != std::string::npos) {
-      found.push_back(region);
-    }
+    if (bytes.find(text) != std::string::npos) found.push_back(region);
   }
   return found;
 }

@@ -27,9 +27,7 @@ using testing::SizeIs;
 std::string ReadUntil(int terminal, const std::string& end) {
   std::string shown;
   char byte = '\0';
-  while (!shown.ends_with(end) && read(terminal, &byte, 1) == 1) {
-    shown += byte;
-  }
+  while (!shown.ends_with(end) && read(terminal, &byte, 1) == 1) shown += byte;
   return shown;
 }
 
@@ -52,9 +50,7 @@ class Session : public DeviceTest {
   }
 
   void RevokeTokens() {
-    for (const auto& family : cloud_.tokens().Families()) {
-      cloud_.tokens().RevokeFamily(family.id);
-    }
+    for (const auto& family : cloud_.tokens().Families()) cloud_.tokens().RevokeFamily(family.id);
   }
 
   std::size_t TokenRequests() { return Requests(kTokenPath).size(); }

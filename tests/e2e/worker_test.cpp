@@ -29,9 +29,7 @@ std::vector<std::string> LinesWith(const char* path, const std::string& text) {
   std::ifstream file(path);
   std::vector<std::string> lines;
   for (std::string line; std::getline(file, line);) {
-    if (line.find(text) != std::string::npos) {
-      lines.push_back(line);
-    }
+    if (line.find(text) != std::string::npos) lines.push_back(line);
   }
   return lines;
 }
@@ -190,9 +188,7 @@ std::set<std::string> NetworkSockets() {
     std::string word;
     for (std::string line; std::getline(lines, line);) {
       std::istringstream words(line);
-      for (int column = 0; column < 10; ++column) {
-        words >> word;
-      }
+      for (int column = 0; column < 10; ++column) words >> word;
       inodes.insert("socket:[" + word + "]");
     }
   }
@@ -202,9 +198,7 @@ std::set<std::string> NetworkSockets() {
 bool HasNetworkSocket(const std::string& process) {
   const std::set<std::string> sockets = NetworkSockets();
   for (const auto& entry : std::filesystem::directory_iterator(process + "/fd")) {
-    if (sockets.contains(LinkAt(entry.path()))) {
-      return true;
-    }
+    if (sockets.contains(LinkAt(entry.path()))) return true;
   }
   return false;
 }
@@ -215,9 +209,7 @@ std::set<std::string> RunningPrograms() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     const std::string process = entry.path();
     const std::string program = LinkAt(process + "/exe");
-    if (!IsNumber(entry.path().filename()) || !program.starts_with("/usr/kivo/")) {
-      continue;
-    }
+    if (!IsNumber(entry.path().filename()) || !program.starts_with("/usr/kivo/")) continue;
     const bool has_stack =
         std::regex_search(test_files::Read(process + "/maps"), std::regex(kHttpStack));
     found.insert(program.substr(program.rfind('/') + 1) + (MayBeRoot(process) ? " root" : "") +
@@ -236,9 +228,7 @@ class RightsTest : public HttpsFlowTest {
 };
 
 TEST_P(RightsTest, WhoeverIsRootHasNoNetworkAndWhoeverHasOneIsNotRoot) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   Prepare();
   std::vector<std::set<std::string>> seen;
   bad_.SetAnswer({.status = 500}, [&seen] { seen.push_back(RunningPrograms()); });
@@ -261,9 +251,7 @@ TEST_P(RightsTest, NoSocketForANetworkIsMadeButByTheWorkers) {
   ExpectFailure(RunFlow({"strace", "-f", "-Y", "-o", kTrace, "-e", "trace=socket"}));
   std::vector<std::string> makers;
   for (const std::string& line : LinesWith(kTrace, "socket(")) {
-    if (line.find("AF_UNIX") == std::string::npos) {
-      makers.push_back(line);
-    }
+    if (line.find("AF_UNIX") == std::string::npos) makers.push_back(line);
   }
   EXPECT_THAT(makers, Not(IsEmpty()));
   EXPECT_THAT(makers, Each(MatchesRegex("[0-9]+<(nodelink-http|kivo-cloudservi).*")));

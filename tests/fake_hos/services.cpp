@@ -165,9 +165,7 @@ int KLIBCExecl(const char* path, int flags, ...) {
     run.args.emplace_back(arg);
   }
   va_end(args);
-  if (!platform().Enter("KLIBCExecl", fake_hos::TextsOf(run)) || path == nullptr) {
-    return Failed(-1);
-  }
+  if (!platform().Enter("KLIBCExecl", fake_hos::TextsOf(run)) || path == nullptr) return Failed(-1);
   return fake_hos::RunProgram(run);
 }
 

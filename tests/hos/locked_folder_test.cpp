@@ -62,8 +62,12 @@ TEST_F(AtomicReplace, SixtyFourWritersOfTheirOwnKeysLoseNone) {
       return KLIBCFileSetKeyValue(kFile, key.c_str(), number.c_str(), kLineFormat) < 0 ? 1 : 0;
     }));
   }
-  for (const pid_t writer : writers) EXPECT_EQ(StatusOf(writer), 0);
-  for (int i = 0; i < kWriters; ++i) EXPECT_EQ(Get("key" + std::to_string(i)), std::to_string(i));
+  for (const pid_t writer : writers) {
+    EXPECT_EQ(StatusOf(writer), 0);
+  }
+  for (int i = 0; i < kWriters; ++i) {
+    EXPECT_EQ(Get("key" + std::to_string(i)), std::to_string(i));
+  }
   EXPECT_EQ(test_files::NamesIn(kFolder), std::vector<std::string>{"record.conf"});
 }
 
@@ -84,7 +88,9 @@ TEST_F(AtomicReplace, AKilledWriterLeavesAWholeFile) {
     base::UniqueFd writer(ends[1]);
     const pid_t child = InChild([&] { return WriteForever(writer.get()); });
     char mark = 0;
-    for (int i = 0; i <= round % 5; ++i) ASSERT_EQ(read(reader.get(), &mark, 1), 1);
+    for (int i = 0; i <= round % 5; ++i) {
+      ASSERT_EQ(read(reader.get(), &mark, 1), 1);
+    }
     ASSERT_EQ(kill(child, SIGKILL), 0);
     EXPECT_EQ(WTERMSIG(StatusOf(child)), SIGKILL);
 
@@ -106,9 +112,7 @@ TEST_F(AtomicReplace, ClearsWhatADeadWriterOfThisFileLeft) {
 }
 
 TEST_F(AtomicReplace, KeepsModeAndOwner) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   test_files::Write(kFile, "key=\"1\"\n", 0640);
   ASSERT_EQ(chown(kFile, 1024, 100), 0);
   ASSERT_GE(KLIBCFileSetKeyValue(kFile, "key", "2", kLineFormat), 0);

@@ -94,9 +94,7 @@ TEST_F(Plugins, WhatOthersMayChangeIsNotRun) {
 }
 
 TEST_F(Plugins, WhatIsNotRootsIsNotRun) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   AddPlugin("1-foreign", "");
   ASSERT_EQ(chown((kFolder + "/1-foreign").c_str(), 1026, 100), 0);
   AddPlugin("2-good", "");

@@ -61,9 +61,7 @@ std::string ReadUntil(int fd, const std::string& end) {
 
 // cron becomes the user of each job, even if that is its own.
 TEST(RealCron, GivesTheProgramItsWordsAsTheyAre) {
-  if (!lab::HasOtherUsers()) {
-    GTEST_SKIP() << "the lab of an ordinary user has no other users";
-  }
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
   if (access(kCron, X_OK) != 0) GTEST_SKIP() << "no cron here";
   const std::vector<std::string> words = {
       "it's", "100%", "a\\%b",  "a\\\\%b", "a\\\\\\%b", "\\",       "\\\\", "\\\\\\", "\\%",

@@ -128,9 +128,7 @@ TEST(MessagesTest, AnHttpAnswerArrivesWhole) {
 TEST(MessagesTest, TheLargestAnswerFits) {
   const std::string quote(kLongestMessage, 'x');
   Answer answer = {HttpAnswer{0, "", 200, std::string(kLargestBody, 'x')}, {}};
-  for (int time = 0; time < 3; ++time) {
-    answer.log.push_back({0, 1, {quote}});
-  }
+  for (int time = 0; time < 3; ++time) answer.log.push_back({0, 1, {quote}});
   const std::string message = Encode(answer);
   EXPECT_LE(message.size(), kLongestAnswer);
   EXPECT_TRUE(DecodeAnswer(message, HttpRequest{}));

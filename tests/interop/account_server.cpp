@@ -36,15 +36,9 @@ devcloud::Response Json(const Json::Value& answer) {
 }
 
 devcloud::Response Answer(const devcloud::Request& request) {
-  if (request.path == kExchange) {
-    return Json(Identity());
-  }
-  if (request.path == kQuery) {
-    return Json(Profile());
-  }
-  if (request.path == kReport) {
-    return Json(Agreement());
-  }
+  if (request.path == kExchange) return Json(Identity());
+  if (request.path == kQuery) return Json(Profile());
+  if (request.path == kReport) return Json(Agreement());
   return {.status = 404};
 }
 

@@ -20,9 +20,7 @@ std::string Curl(const std::vector<std::string>& words) {
   command.insert(command.end(), {"--write-out", "\n%{redirect_url}"});
   command.insert(command.end(), words.begin(), words.end());
   const lab::ProcessResult result = lab::RunProcess(command);
-  if (result.exit_status != 0) {
-    throw std::runtime_error(result.err);
-  }
+  if (result.exit_status != 0) throw std::runtime_error(result.err);
   return result.out;
 }
 
@@ -61,9 +59,7 @@ Browser::Page Browser::Submit(const Page& page, const std::string& account) {
 std::string Browser::SignIn(const std::string& address, const std::string& account) {
   Page page = Open(address);
   for (int count = 0; !IsBack(page); ++count) {
-    if (count == kMostPages) {
-      throw std::runtime_error("the sign-in does not end");
-    }
+    if (count == kMostPages) throw std::runtime_error("the sign-in does not end");
     page = Submit(page, account);
   }
   return page.redirect;

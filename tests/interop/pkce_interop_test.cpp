@@ -49,9 +49,7 @@ constexpr char kUserinfo[] = "https://identity.veltrix.example/me";
 
 Json::Value Parse(const std::string& text) {
   Json::Value value;
-  if (!nodelink::json::fromString(text, value)) {
-    throw std::runtime_error("no JSON: " + text);
-  }
+  if (!nodelink::json::fromString(text, value)) throw std::runtime_error("no JSON: " + text);
   return value;
 }
 
@@ -170,9 +168,7 @@ class PkceInteropTest : public testing::Test {
 
   std::vector<std::string> Log() {
     std::vector<std::string> texts;
-    for (const lab::LogLine& line : sink_.Lines()) {
-      texts.push_back(line.text);
-    }
+    for (const lab::LogLine& line : sink_.Lines()) texts.push_back(line.text);
     return texts;
   }
 

@@ -54,9 +54,7 @@ std::vector<std::string> Command(const Json::Value& settings) {
 
 std::optional<std::string> WhyUnavailable() {
   std::ifstream reason(INTEROP_MODULES "/unavailable");
-  if (reason) {
-    return std::string(std::istreambuf_iterator<char>(reason), {});
-  }
+  if (reason) return std::string(std::istreambuf_iterator<char>(reason), {});
   if (!std::ifstream(INTEROP_MODULES "/package-lock.json")) {
     return "oidc-provider is not installed; the test interop.setup does that";
   }

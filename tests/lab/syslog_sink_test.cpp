@@ -79,7 +79,9 @@ TEST_F(SyslogSinkTest, GivesAllLinesInOrder) {
   syslog(LOG_AUTH | LOG_NOTICE, "the last");
   const std::vector<LogLine> lines = sink.Lines();
   ASSERT_THAT(lines, SizeIs(501));
-  for (std::size_t i = 0; i < 500; ++i) EXPECT_EQ(lines[i].text, "line " + std::to_string(i));
+  for (std::size_t i = 0; i < 500; ++i) {
+    EXPECT_EQ(lines[i].text, "line " + std::to_string(i));
+  }
   EXPECT_EQ(lines[0].facility, LOG_USER);
   EXPECT_EQ(lines[0].severity, LOG_ERR);
   EXPECT_EQ(lines[0].tag, "sink_test");

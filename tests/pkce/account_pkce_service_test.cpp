@@ -68,9 +68,7 @@ class AccountPkceServiceTest : public SessionTest {
   // The paths of the requests so far, in order.
   [[nodiscard]] std::vector<std::string> Paths() const {
     std::vector<std::string> paths;
-    for (const Request& request : server_.requests()) {
-      paths.push_back(request.path);
-    }
+    for (const Request& request : server_.requests()) paths.push_back(request.path);
     return paths;
   }
 };
@@ -416,9 +414,7 @@ TEST_F(AuthKeyExchangeTest, SendsTheTokenAloneAndNoBody) {
   (void)Exchange();
   const Request request = server_.OnlyRequest(kExchangePath);
   std::vector<std::string> names;
-  for (const devcloud::Header& header : request.headers) {
-    names.push_back(header.name);
-  }
+  for (const devcloud::Header& header : request.headers) names.push_back(header.name);
   EXPECT_THAT(names, ElementsAre("Host", "User-Agent", "Accept", "Accept-Encoding", "Authorization",
                                  "Content-Length", "Content-Type"));
   EXPECT_EQ(request.CountHeaders("X-Client-ID"), 0U);
@@ -706,9 +702,7 @@ TEST_F(LoginTest, ARecordThatCannotBeWrittenAtAnyKeyStaysAsItWas) {
       code = failure.code();
     }
     platform().StopFailing();
-    if (!code) {
-      break;
-    }
+    if (!code) break;
     EXPECT_EQ(*code, kAccountNotWritten) << "write " << n;
     EXPECT_EQ(ReadRecord(), "zomiIDSerial=\"1\"\n") << "write " << n;
   }
@@ -1082,9 +1076,7 @@ TEST_P(RescueTest, WithoutTokensAndAuthKeyNothingIsAsked) {
 }
 
 TEST_P(RescueTest, ARecordThatCannotBeReadCountsAsWithoutAuthKey) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user to become";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   const std::string said = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     return std::to_string(Catch([] { (void)Read(); }).code);

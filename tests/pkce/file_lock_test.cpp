@@ -67,9 +67,7 @@ class FileLockTest : public PlatformTest {
     hooks().usleep = [this](useconds_t pause) {
       pauses_.push_back(pause);
       now_ += microseconds(pause);
-      if (on_pause_) {
-        on_pause_();
-      }
+      if (on_pause_) on_pause_();
     };
   }
   ~FileLockTest() override {
@@ -141,9 +139,7 @@ TEST_F(FileLockTest, HeldLockIsReleasedBeforeItIsTakenAgain) {
   ASSERT_TRUE(lock_->Lock(kTimeout));
   ASSERT_TRUE(lock_->Lock(kTimeout));
   std::vector<std::string> names;
-  for (const fake_hos::Call& call : platform().calls()) {
-    names.push_back(call.name);
-  }
+  for (const fake_hos::Call& call : platform().calls()) names.push_back(call.name);
   EXPECT_THAT(names,
               ElementsAre("KLIBCFileLockByFile", "KLIBCFileUnlockByFile", "KLIBCFileLockByFile"));
   EXPECT_THAT(pauses_, IsEmpty());
@@ -229,9 +225,7 @@ TEST_F(FileLockTest, LongestTimeLimitIsNoneThatHasPassed) { EXPECT_TRUE(lock_->L
 TEST_F(FileLockTest, LockOfAnotherProcessIsWaitedForUntilItLetsGo) {
   OtherHolder other;
   on_pause_ = [&] {
-    if (pauses_.size() == 3) {
-      other.LetGo();
-    }
+    if (pauses_.size() == 3) other.LetGo();
   };
   EXPECT_TRUE(lock_->Lock(kTimeout));
   EXPECT_EQ(pauses_.size(), 3U);
@@ -324,9 +318,7 @@ TEST_F(FileLockTest, FolderInTheFilesPlaceFailsAtOnce) {
 }
 
 TEST_F(FileLockTest, FolderThatIsNotWritableFailsAtOnce) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   const std::string held = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     return std::string(FileLock("/etc/account.lock", 0).Lock(kTimeout) ? "held" : "failed");
@@ -338,9 +330,7 @@ TEST_F(FileLockTest, FolderThatIsNotWritableFailsAtOnce) {
 TEST_F(FileLockTest, LinkIsNotFollowed) {
   const std::string target = "/tmp/file_lock_test.target";
   for (const bool exists : {false, true}) {
-    if (exists) {
-      test_files::Write(target, "precious");
-    }
+    if (exists) test_files::Write(target, "precious");
     std::filesystem::remove(kPath);
     std::filesystem::create_symlink(target, kPath);
     ClearLog();
@@ -436,9 +426,7 @@ TEST_F(FileLockTest, FileOfAnotherUserInTheStickyFolderIsLocked) {
 }
 
 TEST_F(FileLockTest, UsersShareTheLockThatOneOfThemMade) {
-  if (!HasOtherUsers()) {
-    GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
-  }
+  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   (void)RunInChild([this] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     umask(077);

@@ -271,9 +271,7 @@ TEST_F(HttpRequestTest, ASlowBodyThatComesInTimeIsWhole) {
 TEST_F(HttpRequestTest, TheWholeTransferMayTake30Seconds) {
   std::vector<long> limits;
   hooks().curl_setopt = [&limits](CURLoption option, const interpose::CurlValue& value) {
-    if (option == CURLOPT_TIMEOUT_MS) {
-      limits.push_back(std::get<long>(value));
-    }
+    if (option == CURLOPT_TIMEOUT_MS) limits.push_back(std::get<long>(value));
     return std::optional<CURLcode>();
   };
   EXPECT_EQ(Send().status, 200);

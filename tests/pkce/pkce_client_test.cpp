@@ -752,9 +752,7 @@ class ManyProcesses {
  public:
   ManyProcesses(int count, const std::function<std::string()>& flow) {
     EXPECT_EQ(pipe(start_.data()), 0);
-    for (int index = 0; index < count; ++index) {
-      Add(flow);
-    }
+    for (int index = 0; index < count; ++index) Add(flow);
     close(start_[0]);
   }
   ManyProcesses(const ManyProcesses&) = delete;
@@ -765,9 +763,7 @@ class ManyProcesses {
   std::multiset<std::string> Run() {
     close(start_[1]);
     std::multiset<std::string> results;
-    for (const int out : outs_) {
-      results.insert(ReadAll(out));
-    }
+    for (const int out : outs_) results.insert(ReadAll(out));
     while (wait(nullptr) > 0) {
     }
     return results;
@@ -780,9 +776,7 @@ class ManyProcesses {
     WaitUntilOtherThreadsWait();
     const pid_t child = fork();
     EXPECT_GE(child, 0);
-    if (child == 0) {
-      BeChild(flow, ends[1]);
-    }
+    if (child == 0) BeChild(flow, ends[1]);
     close(ends[1]);
     outs_.push_back(ends[0]);
   }

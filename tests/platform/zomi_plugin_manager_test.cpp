@@ -16,9 +16,7 @@ class ZomiPluginManagerTest : public PlatformTest {
  protected:
   static std::vector<std::string> Calls() {
     std::vector<std::string> texts;
-    for (const fake_hos::Call& call : platform().calls()) {
-      texts.push_back(call.ToText());
-    }
+    for (const fake_hos::Call& call : platform().calls()) texts.push_back(call.ToText());
     return texts;
   }
 };

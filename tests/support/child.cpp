@@ -48,9 +48,7 @@ std::string ReadAll(int fd) {
 void ExpectEnded(pid_t child, const std::string& said) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) {
-      throw std::runtime_error("cannot wait for the child");
-    }
+    if (errno != EINTR) throw std::runtime_error("cannot wait for the child");
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS) {
     throw std::runtime_error("the child failed, status " + std::to_string(status) + ": " + said);
@@ -78,26 +76,18 @@ bool OthersWait() {
 }  // namespace
 
 void WaitUntilOtherThreadsWait() {
-  while (!OthersWait()) {
-    sched_yield();
-  }
+  while (!OthersWait()) sched_yield();
 }
 
 std::string RunInChild(const std::function<std::string()>& flow) {
   std::array<int, 2> ends{};
-  if (pipe(ends.data()) != 0) {
-    throw std::runtime_error("no pipe");
-  }
+  if (pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
   const base::UniqueFd out(ends[0]);
   base::UniqueFd in(ends[1]);
   WaitUntilOtherThreadsWait();
   const pid_t child = fork();
-  if (child < 0) {
-    throw std::runtime_error("no child");
-  }
-  if (child == 0) {
-    BeChild(flow, in.get());
-  }
+  if (child < 0) throw std::runtime_error("no child");
+  if (child == 0) BeChild(flow, in.get());
   in = base::UniqueFd();
   std::string text = ReadAll(out.get());
   ExpectEnded(child, text);

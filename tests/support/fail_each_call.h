@@ -21,9 +21,7 @@ void FailEachCall(Prepare prepare, Flow flow, Check check) {
     flow();
     const bool fired = fake_hos::platform().nth_call_fired();
     fake_hos::platform().StopFailing();
-    if (!fired) {
-      break;
-    }
+    if (!fired) break;
     SCOPED_TRACE("failed platform call number " + std::to_string(n) + ": " +
                  fake_hos::platform().nth_call().ToText());
     check();

@@ -28,32 +28,24 @@ std::string Frame(std::string_view text) {
 }
 
 void Say(std::string_view bytes) {
-  if (send(kChannel, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
-    std::_Exit(EXIT_FAILURE);
-  }
+  if (send(kChannel, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) std::_Exit(EXIT_FAILURE);
 }
 
 std::string GoodWords() { return Frame(base::MessageWriter().Number(0).Number(0).Take()); }
 
 [[noreturn]] void Wait() {
-  for (;;) {
-    pause();
-  }
+  for (;;) pause();
 }
 
 [[noreturn]] void Die() { std::_Exit(EXIT_SUCCESS); }
 
 [[noreturn]] void TalkForEver() {
-  for (;;) {
-    Say(std::string(4096, 'x'));
-  }
+  for (;;) Say(std::string(4096, 'x'));
 }
 
 // The child, which nobody kills, has the channel too.
 [[noreturn]] void LeaveChild() {
-  if (fork() == 0) {
-    Wait();
-  }
+  if (fork() == 0) Wait();
   Die();
 }
 
@@ -111,8 +103,6 @@ std::string Character(const char* program) {
 
 int main(int, char** argv) {
   Start(Character(argv[0]));
-  while (const auto question = base::ReceiveFrame(kChannel, 4096)) {
-    Answer(*question);
-  }
+  while (const auto question = base::ReceiveFrame(kChannel, 4096)) Answer(*question);
   std::_Exit(EXIT_SUCCESS);
 }

@@ -45,28 +45,20 @@ CURLcode __real_curl_easy_perform(CURL* curl);
 CURLcode __real_curl_easy_getinfo(CURL* curl, CURLINFO info, ...);
 
 std::time_t __wrap_time(std::time_t* result) {
-  if (!hooks().time) {
-    return __real_time(result);
-  }
+  if (!hooks().time) return __real_time(result);
   const std::time_t now = hooks().time();
-  if (result != nullptr) {
-    *result = now;
-  }
+  if (result != nullptr) *result = now;
   return now;
 }
 
 unsigned int __wrap_sleep(unsigned int seconds) {
-  if (!hooks().sleep) {
-    return __real_sleep(seconds);
-  }
+  if (!hooks().sleep) return __real_sleep(seconds);
   hooks().sleep(seconds);
   return 0;
 }
 
 int __wrap_usleep(useconds_t microseconds) {
-  if (!hooks().usleep) {
-    return __real_usleep(microseconds);
-  }
+  if (!hooks().usleep) return __real_usleep(microseconds);
   hooks().usleep(microseconds);
   return 0;
 }
@@ -157,9 +149,7 @@ CURLcode __wrap_curl_easy_setopt(CURL* curl, unsigned int number, ...) {
   va_end(values);
   if (hooks().curl_setopt) {
     const auto result = hooks().curl_setopt(option, value);
-    if (result) {
-      return *result;
-    }
+    if (result) return *result;
   }
   return is_pointer ? __real_curl_easy_setopt(curl, option, std::get<void*>(value))
                     : __real_curl_easy_setopt(curl, option, std::get<long>(value));

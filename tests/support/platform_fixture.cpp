@@ -41,17 +41,13 @@ PlatformTest::~PlatformTest() {
 
 std::vector<std::string> PlatformTest::Log() {
   std::vector<std::string> texts;
-  for (const lab::LogLine& line : sink_.Lines()) {
-    texts.push_back(WithoutLine(line.text));
-  }
+  for (const lab::LogLine& line : sink_.Lines()) texts.push_back(WithoutLine(line.text));
   return texts;
 }
 
 std::vector<std::string> PlatformTest::LogWithLines() {
   std::vector<std::string> texts;
-  for (const lab::LogLine& line : sink_.Lines()) {
-    texts.push_back(line.text);
-  }
+  for (const lab::LogLine& line : sink_.Lines()) texts.push_back(line.text);
   return texts;
 }
 

@@ -57,9 +57,7 @@ const std::vector<NamedText>& TextsThatAreNoJson() {
       {"DeepObjects",
        [] {
          std::string text;
-         for (int depth = 0; depth < 5000; ++depth) {
-           text += R"({"a":)";
-         }
+         for (int depth = 0; depth < 5000; ++depth) text += R"({"a":)";
          return text;
        }()},
       {"Percents", "%s%n%d"},
@@ -155,18 +153,14 @@ void SessionTest::RemoveTokens() { std::filesystem::remove(session::kLoginTokens
 
 void SessionTest::LetRmWork() {
   platform().exec = [](const fake_hos::ExecRun& run) {
-    if (run.path == "/bin/sh") {
-      RemoveTokens();
-    }
+    if (run.path == "/bin/sh") RemoveTokens();
     return 0;
   };
 }
 
 std::vector<std::string> SessionTest::CallNames() {
   std::vector<std::string> names;
-  for (const fake_hos::Call& call : platform().calls()) {
-    names.push_back(call.name);
-  }
+  for (const fake_hos::Call& call : platform().calls()) names.push_back(call.name);
   return names;
 }
 

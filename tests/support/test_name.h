@@ -20,9 +20,7 @@ inline std::string TestName(std::string_view text) {
                 ? std::string(1, c)
                 : std::string("%") + kDigits[byte / 16U] + kDigits[byte % 16U];
   }
-  if (text.size() > kLongest) {
-    name += "_and_so_on_to_" + std::to_string(text.size()) + "_bytes";
-  }
+  if (text.size() > kLongest) name += "_and_so_on_to_" + std::to_string(text.size()) + "_bytes";
   return name.empty() ? "nothing" : name;
 }
 

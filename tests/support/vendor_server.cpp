@@ -76,16 +76,12 @@ devcloud::Request VendorServer::OnlyRequest(const std::string& path) const {
 
 devcloud::Response VendorServer::Handle(const devcloud::Request& request) {
   const std::lock_guard lock(mutex_);
-  if (const auto event = events_.extract(request.path)) {
-    event.mapped()();
-  }
+  if (const auto event = events_.extract(request.path)) event.mapped()();
   const auto found = answers_.find(request.path);
   if (found == answers_.end() || found->second.empty()) {
     return {.status = 404, .body = "nothing here"};
   }
   devcloud::Response response = found->second.front();
-  if (found->second.size() > 1) {
-    found->second.pop_front();
-  }
+  if (found->second.size() > 1) found->second.pop_front();
   return response;
 }

@@ -7,10 +7,10 @@ namespace {
 
 using testing::IsSupersetOf;
 
-constexpr const char* kQuery = "/device/api/user/query";
-constexpr const char* kReport = "/device/api/report";
-constexpr const char* kLogin = "/device/api/password_login";
-constexpr const char* kRegister = "/cloudservice/api/v1/apikey/register";
+constexpr char kQuery[] = "/device/api/user/query";
+constexpr char kReport[] = "/device/api/report";
+constexpr char kLogin[] = "/device/api/password_login";
+constexpr char kRegister[] = "/cloudservice/api/v1/apikey/register";
 
 constexpr std::array kProfileMembers{"email",
                                      "full_name",

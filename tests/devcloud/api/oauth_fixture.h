@@ -8,17 +8,17 @@
 
 namespace devcloud_test {
 
-inline constexpr const char* kAuthorize = "/oauth2/v1/authorize";
-inline constexpr const char* kToken = "/oauth2/v1/token";
-inline constexpr const char* kEndSession = "/oauth2/v1/end_session";
-inline constexpr const char* kExchange = "/oauth2/api/v1/device/core/authkey/exchange";
-inline constexpr const char* kGrant = "/migration/api/v1/device/core/authorization_code/grant";
-inline constexpr const char* kLogout = "/device/api/logout";
-inline constexpr const char* kVerifier = "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk";
-inline constexpr const char* kChallenge = "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM";
-inline constexpr const char* kCallback = "https://localhost/oauth2/v1/login_callback";
-inline constexpr const char* kScope = "openid offline_access sn:NL00000001A mac:02:00:5e:10:00:01";
-inline constexpr const char* kClientHeader = "X-Client-ID: hos-device-login";
+inline constexpr char kAuthorize[] = "/oauth2/v1/authorize";
+inline constexpr char kToken[] = "/oauth2/v1/token";
+inline constexpr char kEndSession[] = "/oauth2/v1/end_session";
+inline constexpr char kExchange[] = "/oauth2/api/v1/device/core/authkey/exchange";
+inline constexpr char kGrant[] = "/migration/api/v1/device/core/authorization_code/grant";
+inline constexpr char kLogout[] = "/device/api/logout";
+inline constexpr char kVerifier[] = "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk";
+inline constexpr char kChallenge[] = "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM";
+inline constexpr char kCallback[] = "https://localhost/oauth2/v1/login_callback";
+inline constexpr char kScope[] = "openid offline_access sn:NL00000001A mac:02:00:5e:10:00:01";
+inline constexpr char kClientHeader[] = "X-Client-ID: hos-device-login";
 
 inline Pairs Changed(Pairs form, const std::string& name, const std::string& value) {
   for (auto& [key, old] : form) {

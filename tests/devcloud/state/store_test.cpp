@@ -14,7 +14,7 @@ using devcloud::Store;
 using devcloud::Transaction;
 using testing::SizeIs;
 
-constexpr const char* kMac = "02:00:5e:10:00:01";
+constexpr char kMac[] = "02:00:5e:10:00:01";
 
 class StoreTest : public testing::Test {
  protected:
