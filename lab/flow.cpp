@@ -321,4 +321,12 @@ const std::vector<Flow>& Flows() {
   return flows;
 }
 
+std::set<std::string> RequestPaths() {
+  std::set<std::string> paths;
+  for (const Flow& flow : Flows()) {
+    for (const Request& request : flow.requests) paths.insert(request.path);
+  }
+  return paths;
+}
+
 }  // namespace lab

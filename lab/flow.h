@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -127,5 +128,8 @@ struct Flow {
 };
 
 const std::vector<Flow>& Flows();
+
+// The paths that any of them requests.
+std::set<std::string> RequestPaths();
 
 }  // namespace lab

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <utility>
 
-#include "lab/browser.h"
+#include "lab/flow.h"
 #include "tests/e2e/device_fixture.h"
 
 namespace {
@@ -80,12 +80,7 @@ class LeastPrivilege : public DeviceTest {
   }
 
   lab::ProcessResult LogInByBrowser() {
-    std::vector<std::string> words = prefix_;
-    words.insert(words.end(), {"/usr/kivo/bin/nodelink-login", "--browser"});
-    lab::BackgroundProcess login(words);
-    login.Write(lab::SignIn(login.WaitForLine("https://"), kEmail, kPassword) + "\n");
-    login.CloseStdin();
-    return login.Wait();
+    return lab::Start(lab::BrowserLogin(lab::kAnna), prefix_)->Wait();
   }
 
   // Every flow once, as it should go.
@@ -224,11 +219,7 @@ class Secrets : public LeastPrivilege {
  protected:
   // Each request of each flow fails once in each of these ways.
   void FailEverywhere() {
-    for (const char* path :
-         {"/device/api/user/query", "/device/api/report", "/device/api/password_login",
-          "/device/api/logout", "/cloudservice/api/v1/apikey/register", kTokenPath,
-          "/oauth2/api/v1/device/core/authkey/exchange",
-          "/migration/api/v1/device/core/authorization_code/grant"}) {
+    for (const std::string& path : lab::RequestPaths()) {
       for (const auto& [status, body] : {std::pair{200, "<html>"}, {200, "{}"}, {500, "[]"}}) {
         Fault(path, status, body);
         TryAll();
