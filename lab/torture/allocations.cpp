@@ -101,7 +101,7 @@ AllocationReport ReadReport() {
       report.has_failed = true;
       stack = &report.failed_at;
     } else if (line.starts_with(kEnded)) {
-      if (report.signal == 0) report.signal = std::atoi(&line[kEnded.size()]);
+      if (report.signal == 0) report.signal = std::stoi(line.substr(kEnded.size()));
       stack = &report.ended_at;
     } else if (stack == nullptr) {
       report.listed.push_back(ParseAllocation(line));
@@ -246,7 +246,7 @@ class Allocations : public FaultKind {
 
  private:
   lab::ProcessResult RunSurveyed() override {
-    const lab::ProcessResult result = RunDisturbed({});
+    lab::ProcessResult result = RunDisturbed({});
     CheckLeaks();
     return result;
   }
