@@ -1,16 +1,16 @@
 #include "lab/users.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
+#include <fstream>
 
 namespace lab {
 
 bool HasOtherUsers() {
-  constexpr uid_t kOther = 1026;
-  const pid_t child = fork();
-  if (child == 0) _exit(setresuid(kOther, kOther, kOther) == 0 ? 0 : 1);
-  int status = 0;
-  return waitpid(child, &status, 0) == child && status == 0;
+  std::ifstream map("/proc/self/uid_map");
+  unsigned long first = 0;
+  unsigned long outside = 0;
+  unsigned long count = 0;
+  map >> first >> outside >> count;
+  return map && count > 1;
 }
 
 }  // namespace lab

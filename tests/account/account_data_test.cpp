@@ -5,6 +5,7 @@
 #include <string>
 
 #include "account/account_files.h"
+#include "lab/users.h"
 #include "tests/account/record_fixture.h"
 #include "tests/support/child.h"
 
@@ -99,7 +100,7 @@ TEST_F(AccountDataTest, RecordThatCannotBeReadIsNotAnEmptyOne) {
 }
 
 TEST_F(AccountDataTest, MissingRecordReadsAsDefaultsForARealUserThatIsNotRoot) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   const std::string result = RunInChild([this] {
     BecomeIds({1026, 1026, 0, 100, 100, 0});
     return std::to_string(ReadAccountData(data_));

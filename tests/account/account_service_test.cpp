@@ -5,6 +5,7 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "deviceapi/zomi_account_query_info.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 #include "tests/support/fail_each_call.h"
 #include "tests/support/session_fixture.h"
@@ -230,7 +231,7 @@ TEST_F(UpdateCrondJobTest, AJobThatCannotBeSavedIsOnlyLogged) {
 }
 
 TEST_F(UpdateCrondJobTest, ARecordThatCannotBeReadThrows) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   EXPECT_EQ(RunInChild([] {
               BecomeIds({1026, 1026, 1026, 100, 100, 100});
               return std::to_string(Catch(Update).code);

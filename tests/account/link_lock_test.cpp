@@ -12,6 +12,7 @@
 #include "account/account_files.h"
 #include "account/login_lock.h"
 #include "base/unique_fd.h"
+#include "lab/users.h"
 #include "tests/account/record_fixture.h"
 #include "tests/support/child.h"
 
@@ -83,7 +84,7 @@ TEST_F(LinkLockTest, ALongKeyIsComparedWhole) {
 }
 
 TEST_F(LinkLockTest, RaisesPrivilegesInSilence) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   WriteRecord(kRecord);
   const std::string held = RunInChild([] {
     BecomeIds({1026, 1026, 0, 100, 100, 0});

@@ -17,6 +17,7 @@
 #include "account/user.h"
 #include "account/zomi_config_get.h"
 #include "account/zomi_config_remove.h"
+#include "lab/users.h"
 #include "tests/account/record_fixture.h"
 #include "tests/support/child.h"
 
@@ -117,7 +118,9 @@ std::string PassThrough(const Ids& ids, int failing_call = 0) {
 class PrivilegeGuardTest : public PlatformTest {
  protected:
   void SetUp() override {
-    if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+    if (!lab::HasOtherUsers()) {
+      GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+    }
     WriteRecord(kRecord);
   }
 

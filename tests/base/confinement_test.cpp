@@ -27,6 +27,7 @@
 #include "base/confined_program.h"
 #include "base/unique_fd.h"
 #include "lab/files.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 
 namespace {
@@ -104,7 +105,7 @@ base::UniqueFd LocalService(const char* path) {
 class Confinement : public testing::TestWithParam<Caller> {
  protected:
   void SetUp() override {
-    if (GetParam().ids != Ids{} && !HasOtherUsers()) {
+    if (GetParam().ids != Ids{} && !lab::HasOtherUsers()) {
       GTEST_SKIP() << "the lab of an ordinary user has no other users";
     }
     test_files::MakeFolder("/tmp/open/folder", 0777);
@@ -429,7 +430,7 @@ std::string FourTimes(const std::string& id) { return id + "\t" + id + "\t" + id
 class ConfinementOfRoot : public Confinement {
  protected:
   void SetUp() override {
-    if (!HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
+    if (!lab::HasOtherUsers()) GTEST_SKIP() << "the lab of an ordinary user has no other users";
     Confinement::SetUp();
   }
 

@@ -7,6 +7,7 @@
 
 #include "cli/nodelink.h"
 #include "core/json.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 #include "tests/support/session_fixture.h"
 
@@ -116,7 +117,7 @@ TEST_F(CommandTest, UpdateSavesTheJobAndPrintsNothing) {
 }
 
 TEST_F(CommandTest, UpdateWithoutReadingTheRecordIsPrinted) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   const std::string said = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     const Outcome outcome = RunNodelink("--update");

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lab/process.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 #include "tests/support/platform_fixture.h"
 
@@ -93,7 +94,7 @@ TEST_F(ProgramTest, ReportWithoutAnAccountExitsWithZero) {
 }
 
 TEST_F(ProgramTest, UserWithoutPrivilegesIsToldNothingOfTheAccount) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   WriteFreshRecord();
   const lab::ProcessResult result = Nodelink({"-q", "-c"}, {.uid = 1026, .gid = 100});
   EXPECT_EQ(result.out, "Query account failed");

@@ -23,6 +23,7 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "devcloud/api/device_token.h"
+#include "lab/users.h"
 #include "tests/deviceapi/account_server.h"
 #include "tests/deviceapi/row_text.h"
 #include "tests/support/child.h"
@@ -980,7 +981,7 @@ class PrivilegeTest : public QueryTest {
   static constexpr uid_t kUser = 1026;
 
   void SetUp() override {
-    if (!HasOtherUsers()) GTEST_SKIP() << "this sandbox has no other users";
+    if (!lab::HasOtherUsers()) GTEST_SKIP() << "this sandbox has no other users";
   }
 
   // "RESULT CODE EMAIL" of a query by a process with these ids, where the `failing`th change of the

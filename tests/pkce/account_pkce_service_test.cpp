@@ -9,6 +9,7 @@
 #include "core/error_code.h"
 #include "core/json.h"
 #include "core/zomi_exception.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 #include "tests/support/fail_each_call.h"
 #include "tests/support/session_fixture.h"
@@ -1076,7 +1077,7 @@ TEST_P(RescueTest, WithoutTokensAndAuthKeyNothingIsAsked) {
 }
 
 TEST_P(RescueTest, ARecordThatCannotBeReadCountsAsWithoutAuthKey) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user to become";
   const std::string said = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     return std::to_string(Catch([] { (void)Read(); }).code);

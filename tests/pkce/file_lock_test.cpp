@@ -17,6 +17,7 @@
 
 #include "base/unique_fd.h"
 #include "lab/process.h"
+#include "lab/users.h"
 #include "tests/support/child.h"
 #include "tests/support/fail_each_call.h"
 #include "tests/support/platform_fixture.h"
@@ -318,7 +319,7 @@ TEST_F(FileLockTest, FolderInTheFilesPlaceFailsAtOnce) {
 }
 
 TEST_F(FileLockTest, FolderThatIsNotWritableFailsAtOnce) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   const std::string held = RunInChild([] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     return std::string(FileLock("/etc/account.lock", 0).Lock(kTimeout) ? "held" : "failed");
@@ -426,7 +427,7 @@ TEST_F(FileLockTest, FileOfAnotherUserInTheStickyFolderIsLocked) {
 }
 
 TEST_F(FileLockTest, UsersShareTheLockThatOneOfThemMade) {
-  if (!HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
+  if (!lab::HasOtherUsers()) GTEST_SKIP() << "there is no other user in a lab of an ordinary user";
   (void)RunInChild([this] {
     BecomeIds({1026, 1026, 1026, 100, 100, 100});
     umask(077);

@@ -94,15 +94,6 @@ std::string RunInChild(const std::function<std::string()>& flow) {
   return text;
 }
 
-bool HasOtherUsers() {
-  std::ifstream map("/proc/self/uid_map");
-  unsigned long first = 0;
-  unsigned long outside = 0;
-  unsigned long count = 0;
-  map >> first >> outside >> count;
-  return map && count > 1;
-}
-
 Ids CurrentIds() {
   Ids ids;
   if (getresuid(&ids.real_user, &ids.effective_user, &ids.saved_user) != 0 ||

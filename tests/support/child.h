@@ -15,10 +15,6 @@ std::string RunInChild(const std::function<std::string()>& flow);
 // for it for ever.
 void WaitUntilOtherThreadsWait();
 
-// Whether a child of this process can really become another user. In a lab that an ordinary user
-// started there is no other user.
-bool HasOtherUsers();
-
 struct Ids {
   uid_t real_user = 0;
   uid_t effective_user = 0;
