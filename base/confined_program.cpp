@@ -196,28 +196,17 @@ bool Kill(pid_t pid) {
 // What failed, as in "failed to TEXT".
 const char* TextOf(ConfinementStep step) {
   switch (step) {
-    case ConfinementStep::kNone:
-      break;
-    case ConfinementStep::kUser:
-      return "become another user";
-    case ConfinementStep::kGroups:
-      return "leave its groups";
-    case ConfinementStep::kCapabilities:
-      return "drop its capabilities";
-    case ConfinementStep::kPrivileges:
-      return "refuse new privileges";
-    case ConfinementStep::kDescriptors:
-      return "close its descriptors";
-    case ConfinementStep::kProgram:
-      return "start";
-    case ConfinementStep::kParent:
-      return "follow its parent";
-    case ConfinementStep::kLimits:
-      return "limit itself";
-    case ConfinementStep::kFiles:
-      return "give up its files";
-    case ConfinementStep::kSystemCalls:
-      return "give up its system calls";
+    case ConfinementStep::kNone: break;
+    case ConfinementStep::kUser: return "become another user";
+    case ConfinementStep::kGroups: return "leave its groups";
+    case ConfinementStep::kCapabilities: return "drop its capabilities";
+    case ConfinementStep::kPrivileges: return "refuse new privileges";
+    case ConfinementStep::kDescriptors: return "close its descriptors";
+    case ConfinementStep::kProgram: return "start";
+    case ConfinementStep::kParent: return "follow its parent";
+    case ConfinementStep::kLimits: return "limit itself";
+    case ConfinementStep::kFiles: return "give up its files";
+    case ConfinementStep::kSystemCalls: return "give up its system calls";
   }
   return "do nothing";
 }

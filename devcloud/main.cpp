@@ -89,22 +89,15 @@ void Apply(int choice, const std::string& value, Arguments& arguments, bool& fir
       arguments.cloud.control_address = ParseEndpoint(value).address;
       arguments.cloud.control_port = ParseEndpoint(value).port;
       break;
-    case kState:
-      arguments.cloud.state_folder = value;
-      break;
-    case kCa:
-      arguments.ca_file = value;
-      break;
+    case kState: arguments.cloud.state_folder = value; break;
+    case kCa: arguments.ca_file = value; break;
     case kHost:
       if (first_host) arguments.cloud.hosts.clear();
       first_host = false;
       arguments.cloud.hosts.push_back(value);
       break;
-    case kHelp:
-      arguments.help = true;
-      break;
-    default:
-      throw UsageError("unknown option or missing value, try --help");
+    case kHelp: arguments.help = true; break;
+    default: throw UsageError("unknown option or missing value, try --help");
   }
 }
 

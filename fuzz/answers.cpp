@@ -57,14 +57,10 @@ Network& network() {
 // 0 when nothing came back.
 int StatusOf(const Answer& answer) {
   switch (answer.kind) {
-    case '2':
-      return 200;
-    case '4':
-      return 401;
-    case '5':
-      return 500;
-    default:
-      return 0;
+    case '2': return 200;
+    case '4': return 401;
+    case '5': return 500;
+    default: return 0;
   }
 }
 

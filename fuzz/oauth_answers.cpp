@@ -40,16 +40,11 @@ void Token(AccountPkceServiceImpl& service) {
 
 void Run(const std::string& flow, AccountPkceServiceImpl& service) {
   switch (flow.empty() ? '\0' : flow.front()) {
-    case 'l':
-      return Login(service);
-    case 'g':
-      return Grant(service);
-    case 'x':
-      return Exchange(service);
-    case 'o':
-      return Logout(service);
-    default:
-      return Token(service);
+    case 'l': return Login(service);
+    case 'g': return Grant(service);
+    case 'x': return Exchange(service);
+    case 'o': return Logout(service);
+    default: return Token(service);
   }
 }
 

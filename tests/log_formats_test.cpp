@@ -65,18 +65,12 @@ std::string ConversionExpression(std::string_view format, std::size_t& start) {
   start = end + 1;
   switch (format[end]) {
     case 'd':
-    case 'i':
-      return "-?[0-9]+";
-    case 'u':
-      return "[0-9]+";
-    case 'x':
-      return "[0-9a-f]+";
-    case 'X':
-      return "[0-9A-F]+";
-    case '%':
-      return "%";
-    default:
-      return ".*";
+    case 'i': return "-?[0-9]+";
+    case 'u': return "[0-9]+";
+    case 'x': return "[0-9a-f]+";
+    case 'X': return "[0-9A-F]+";
+    case '%': return "%";
+    default: return ".*";
   }
 }
 

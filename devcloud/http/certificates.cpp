@@ -19,18 +19,10 @@ using Ia5Ptr = std::unique_ptr<ASN1_IA5STRING, OpensslDeleter<ASN1_IA5STRING_fre
 PkeyPtr GenerateKey(KeyKind kind) {
   PkeyPtr key;
   switch (kind) {
-    case KeyKind::kP256:
-      key.reset(EVP_EC_gen("P-256"));
-      break;
-    case KeyKind::kRsa2048:
-      key.reset(EVP_RSA_gen(2048));
-      break;
-    case KeyKind::kRsa1024:
-      key.reset(EVP_RSA_gen(1024));
-      break;
-    case KeyKind::kRsa512:
-      key.reset(EVP_RSA_gen(512));
-      break;
+    case KeyKind::kP256: key.reset(EVP_EC_gen("P-256")); break;
+    case KeyKind::kRsa2048: key.reset(EVP_RSA_gen(2048)); break;
+    case KeyKind::kRsa1024: key.reset(EVP_RSA_gen(1024)); break;
+    case KeyKind::kRsa512: key.reset(EVP_RSA_gen(512)); break;
   }
   CheckOpenssl(key != nullptr, "cannot make a key");
   return key;

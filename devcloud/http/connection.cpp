@@ -50,12 +50,9 @@ short Connection::WantedEvents(std::ptrdiff_t result, short plain_event) const {
     return later ? plain_event : short{0};
   }
   switch (SSL_get_error(ssl_.get(), static_cast<int>(result))) {
-    case SSL_ERROR_WANT_READ:
-      return POLLIN;
-    case SSL_ERROR_WANT_WRITE:
-      return POLLOUT;
-    default:
-      return 0;
+    case SSL_ERROR_WANT_READ: return POLLIN;
+    case SSL_ERROR_WANT_WRITE: return POLLOUT;
+    default: return 0;
   }
 }
 

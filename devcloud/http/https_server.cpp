@@ -52,14 +52,11 @@ struct Worker {
 
 Response ErrorFor(ReadOutcome outcome) {
   switch (outcome) {
-    case ReadOutcome::kHeaderTooLarge:
-      return {.status = 431};
-    case ReadOutcome::kBodyTooLarge:
-      return {.status = 413};
+    case ReadOutcome::kHeaderTooLarge: return {.status = 431};
+    case ReadOutcome::kBodyTooLarge: return {.status = 413};
     case ReadOutcome::kRequest:
     case ReadOutcome::kClosed:
-    case ReadOutcome::kMalformed:
-      break;
+    case ReadOutcome::kMalformed: break;
   }
   return {.status = 400};
 }

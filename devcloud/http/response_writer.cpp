@@ -84,19 +84,13 @@ AfterAnswer SendResponse(Connection& connection, const Request& request, const R
   const std::string head = HeadOf(response, keep_alive);
   if (!MayHaveBody(request, response.status)) return SendWhole(connection, head, "", keep_alive);
   switch (response.fault.delivery) {
-    case Delivery::kWhole:
-      return SendWhole(connection, head, response.body, keep_alive);
-    case Delivery::kDrop:
-      return AfterAnswer::kCut;
-    case Delivery::kTruncate:
-      return SendHalf(connection, head, response.body);
-    case Delivery::kEndless:
-      return SendForever(connection, head, response.body);
-    case Delivery::kSlow:
-      return SendSlowly(connection, head, response, keep_alive);
+    case Delivery::kWhole: return SendWhole(connection, head, response.body, keep_alive);
+    case Delivery::kDrop: return AfterAnswer::kCut;
+    case Delivery::kTruncate: return SendHalf(connection, head, response.body);
+    case Delivery::kEndless: return SendForever(connection, head, response.body);
+    case Delivery::kSlow: return SendSlowly(connection, head, response, keep_alive);
     case Delivery::kRaw:
-    case Delivery::kRawEndless:
-      break;  // sent already, without a head
+    case Delivery::kRawEndless: break;  // sent already, without a head
   }
   return AfterAnswer::kCut;
 }

@@ -5,14 +5,10 @@ namespace {
 
 int ToOpenssl(TlsVersion version) {
   switch (version) {
-    case TlsVersion::kTls10:
-      return TLS1_VERSION;
-    case TlsVersion::kTls11:
-      return TLS1_1_VERSION;
-    case TlsVersion::kTls12:
-      return TLS1_2_VERSION;
-    case TlsVersion::kTls13:
-      return TLS1_3_VERSION;
+    case TlsVersion::kTls10: return TLS1_VERSION;
+    case TlsVersion::kTls11: return TLS1_1_VERSION;
+    case TlsVersion::kTls12: return TLS1_2_VERSION;
+    case TlsVersion::kTls13: return TLS1_3_VERSION;
   }
   return TLS1_3_VERSION;
 }

@@ -64,28 +64,18 @@ Identity MakeServerIdentity(const Authority& authority, const std::vector<std::s
   constexpr std::chrono::hours kDay(24);
   CertificateOptions options{.names = names};
   switch (kind) {
-    case CertificateKind::kGood:
-      break;
+    case CertificateKind::kGood: break;
     case CertificateKind::kExpired:
       options.valid_from = -3 * kDay;
       options.valid_until = -kDay;
       break;
-    case CertificateKind::kNotYetValid:
-      options.valid_from = kDay;
-      break;
-    case CertificateKind::kWrongName:
-      options.names = {"wrong.invalid"};
-      break;
+    case CertificateKind::kNotYetValid: options.valid_from = kDay; break;
+    case CertificateKind::kWrongName: options.names = {"wrong.invalid"}; break;
     case CertificateKind::kUnknownAuthority:
       return Authority::Make("An authority that nobody knows").Issue(options);
-    case CertificateKind::kSelfSigned:
-      return MakeSelfSigned(options);
-    case CertificateKind::kWeakKey:
-      options.key = KeyKind::kRsa1024;
-      break;
-    case CertificateKind::kVeryWeakKey:
-      options.key = KeyKind::kRsa512;
-      break;
+    case CertificateKind::kSelfSigned: return MakeSelfSigned(options);
+    case CertificateKind::kWeakKey: options.key = KeyKind::kRsa1024; break;
+    case CertificateKind::kVeryWeakKey: options.key = KeyKind::kRsa512; break;
     case CertificateKind::kIntermediate:
       return IssueThroughIntermediate(authority, options, Shown::kYes);
     case CertificateKind::kMissingIntermediate:

@@ -77,12 +77,9 @@ TokenInfo ReadToken(Statement& row) {
 
 const char* ToName(TokenKind kind) {
   switch (kind) {
-    case TokenKind::kAccess:
-      return "access";
-    case TokenKind::kRefresh:
-      return "refresh";
-    case TokenKind::kId:
-      return "id";
+    case TokenKind::kAccess: return "access";
+    case TokenKind::kRefresh: return "refresh";
+    case TokenKind::kId: return "id";
   }
   return "";
 }

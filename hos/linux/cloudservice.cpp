@@ -55,15 +55,11 @@ Outcome Failed(CloudError error, int code, const char* file = __builtin_FILE(),
 // What to make of a request without an answer.
 Outcome RequestFailed(PostEnd end) {
   switch (end) {
-    case PostEnd::kTooLarge:
-      return Failed(CloudError::kRefused, kTooBig);
-    case PostEnd::kBadRequest:
-      return Failed(CloudError::kLocal, kBadArgument);
-    case PostEnd::kNoMemory:
-      return Failed(CloudError::kLocal, ENOMEM);
+    case PostEnd::kTooLarge: return Failed(CloudError::kRefused, kTooBig);
+    case PostEnd::kBadRequest: return Failed(CloudError::kLocal, kBadArgument);
+    case PostEnd::kNoMemory: return Failed(CloudError::kLocal, ENOMEM);
     case PostEnd::kAnswered:
-    case PostEnd::kNetworkFailed:
-      break;
+    case PostEnd::kNetworkFailed: break;
   }
   return Failed(CloudError::kNetwork, kNetworkFailed);
 }

@@ -78,17 +78,12 @@ bool Prepare(CURL* curl, const PostQuestion& question, std::string& answer) {
 
 PostEnd EndOf(CURLcode result) {
   switch (result) {
-    case CURLE_OK:
-      return PostEnd::kAnswered;
-    case CURLE_WRITE_ERROR:
-      return PostEnd::kTooLarge;
+    case CURLE_OK: return PostEnd::kAnswered;
+    case CURLE_WRITE_ERROR: return PostEnd::kTooLarge;
     case CURLE_URL_MALFORMAT:
-    case CURLE_UNSUPPORTED_PROTOCOL:
-      return PostEnd::kBadRequest;
-    case CURLE_OUT_OF_MEMORY:
-      return PostEnd::kNoMemory;
-    default:
-      return PostEnd::kNetworkFailed;
+    case CURLE_UNSUPPORTED_PROTOCOL: return PostEnd::kBadRequest;
+    case CURLE_OUT_OF_MEMORY: return PostEnd::kNoMemory;
+    default: return PostEnd::kNetworkFailed;
   }
 }
 

@@ -90,14 +90,10 @@ bool IsLeftover(const std::string& name) {
 
 std::string Subject::Name() const {
   switch (way) {
-    case lab::Way::kItself:
-      return flow->name;
-    case lab::Way::kWorker:
-      return "worker_" + flow->name;
-    case lab::Way::kDeserted:
-      return "deserted_" + flow->name;
-    case lab::Way::kForeign:
-      return "foreign_" + flow->name;
+    case lab::Way::kItself: return flow->name;
+    case lab::Way::kWorker: return "worker_" + flow->name;
+    case lab::Way::kDeserted: return "deserted_" + flow->name;
+    case lab::Way::kForeign: return "foreign_" + flow->name;
   }
   return "?";
 }

@@ -8,26 +8,16 @@ namespace {
 
 const char* NameOf(Count count) {
   switch (count) {
-    case Count::kFaults:
-      return "faults";
-    case Count::kKills:
-      return "kills";
-    case Count::kRescues:
-      return "rescues";
-    case Count::kOutOfMemory:
-      return "out_of_memory";
-    case Count::kRunsAgain:
-      return "runs_again";
-    case Count::kInterleavings:
-      return "interleavings";
-    case Count::kWaits:
-      return "waits";
-    case Count::kNotReached:
-      return "not_reached";
-    case Count::kKnownLimits:
-      return "known_limits";
-    case Count::kFindings:
-      return "findings";
+    case Count::kFaults: return "faults";
+    case Count::kKills: return "kills";
+    case Count::kRescues: return "rescues";
+    case Count::kOutOfMemory: return "out_of_memory";
+    case Count::kRunsAgain: return "runs_again";
+    case Count::kInterleavings: return "interleavings";
+    case Count::kWaits: return "waits";
+    case Count::kNotReached: return "not_reached";
+    case Count::kKnownLimits: return "known_limits";
+    case Count::kFindings: return "findings";
   }
   return "?";
 }

@@ -53,26 +53,13 @@ constexpr char kUsage[] =
 // What is not an option is ignored, and what the parser complains of it has said on standard error.
 void SetOption(Options& options, int letter) {
   switch (letter) {
-    case 'r':
-      options.report = true;
-      break;
-    case 'n':
-      options.notify = true;
-      break;
-    case 'q':
-      options.query = true;
-      break;
-    case 'c':
-      options.cache = true;
-      break;
-    case 'l':
-      options.logout = true;
-      break;
-    case 'u':
-      options.update = true;
-      break;
-    default:
-      break;
+    case 'r': options.report = true; break;
+    case 'n': options.notify = true; break;
+    case 'q': options.query = true; break;
+    case 'c': options.cache = true; break;
+    case 'l': options.logout = true; break;
+    case 'u': options.update = true; break;
+    default: break;
   }
 }
 

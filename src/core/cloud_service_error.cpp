@@ -6,12 +6,9 @@ namespace nodelink {
 
 std::uint32_t CloudServiceErrorToCode() {
   switch (KIVOCloudServiceGetErrorCode()) {
-    case 0:
-      return kSuccess;
-    case 1:
-      return kNetworkFailed;
-    default:
-      return kGenericError;
+    case 0: return kSuccess;
+    case 1: return kNetworkFailed;
+    default: return kGenericError;
   }
 }
 

@@ -33,24 +33,15 @@ std::uint32_t last_error_code = kSuccess;
 
 const char* ErrorCodeToText(std::uint32_t code) {
   switch (code) {
-    case kSuccess:
-      return "Success";
-    case kWrongParameters:
-      return "Wrong parameters";
-    case kWrongJsonFormat:
-      return "Wrong JSON format";
-    case kNoAccount:
-      return "Failed to get zomi account";
-    case kRequestNotSent:
-      return "Failed to send the request";
-    case kBadResponse:
-      return "Failed to get the response";
-    case kNoPaymentHost:
-      return "Failed to get the payment config (url)";
-    case kAuthFailed:
-      return "Failed to auth";
-    default:
-      return "System error";
+    case kSuccess: return "Success";
+    case kWrongParameters: return "Wrong parameters";
+    case kWrongJsonFormat: return "Wrong JSON format";
+    case kNoAccount: return "Failed to get zomi account";
+    case kRequestNotSent: return "Failed to send the request";
+    case kBadResponse: return "Failed to get the response";
+    case kNoPaymentHost: return "Failed to get the payment config (url)";
+    case kAuthFailed: return "Failed to auth";
+    default: return "System error";
   }
 }
 

@@ -47,19 +47,12 @@ bool HasTooManyValues(std::string_view document) {
   std::size_t values = 0;
   for (std::size_t index = 0; index < document.size();) {
     switch (document[index]) {
-      case '"':
-        index = EndOfText(document, index);
-        break;
-      case '/':
-        index = EndOfComment(document, index);
-        break;
+      case '"': index = EndOfText(document, index); break;
+      case '/': index = EndOfComment(document, index); break;
       case ',':
       case '[':
-      case '{':
-        ++values;
-        [[fallthrough]];
-      default:
-        ++index;
+      case '{': ++values; [[fallthrough]];
+      default: ++index;
     }
   }
   return values > kMostValues;

@@ -19,12 +19,9 @@ std::string ValueText(CURLoption option, const interpose::CurlValue& value) {
   const void* pointer = std::get<void*>(value);
   switch (curl_easy_option_by_id(option)->type) {
     case CURLOT_STRING:
-    case CURLOT_OBJECT:
-      return static_cast<const char*>(pointer);
-    case CURLOT_SLIST:
-      return ListText(static_cast<const curl_slist*>(pointer));
-    default:
-      return pointer == nullptr ? "null" : "set";
+    case CURLOT_OBJECT: return static_cast<const char*>(pointer);
+    case CURLOT_SLIST: return ListText(static_cast<const curl_slist*>(pointer));
+    default: return pointer == nullptr ? "null" : "set";
   }
 }
 
