@@ -20,7 +20,7 @@ class FaultKind : public Kind {
   FaultKind(Report& report, std::vector<lab::Way> ways, std::chrono::seconds limit);
 
   std::vector<std::string> Flows() override;
-  void Survey(const std::string& flow) override;
+  void Survey(const std::string& name) override;
   void ShowLast() override;
 
  protected:

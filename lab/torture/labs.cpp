@@ -119,6 +119,7 @@ void Keep(const std::string& name, const std::map<std::string, Counts>& flows) {
 
 pid_t StartLab(std::vector<std::string> words) {
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   pid_t pid = 0;
@@ -134,11 +135,12 @@ bool RunShares(const Options& options, const std::string& program, const std::st
   std::vector<pid_t> labs;
   for (unsigned share = 0; share < options.jobs; ++share) {
     const std::string number = std::to_string(share);
+    const std::string counts = fs::path(parts) / number;
     std::vector<std::string> words = {"lab/run", "--install", options.build, "--out",
                                       parts,     "--",        program,       kind};
     words.insert(words.end(), options.for_the_lab.begin(), options.for_the_lab.end());
-    words.insert(words.end(), {"--share", number + "/" + std::to_string(options.jobs), "--counts",
-                               parts + "/" + number});
+    words.insert(words.end(),
+                 {"--share", number + "/" + std::to_string(options.jobs), "--counts", counts});
     labs.push_back(StartLab(std::move(words)));
   }
   bool good = true;
