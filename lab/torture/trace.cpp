@@ -78,17 +78,17 @@ class Reader {
   }
 
  private:
-  void Take(pid_t process, std::string text) {
+  void Take(pid_t process, const std::string& text) {
     if (text.starts_with("+++ killed by SIGKILL")) trace_.killed = true;
     if (text.starts_with("<... ")) {
       Resume(process, text);
     } else if (std::isalpha(static_cast<unsigned char>(text.front())) != 0) {
-      Begin(process, std::move(text));
+      Begin(process, text);
     }
   }
 
   // A call during which another process was seen stands in two lines.
-  void Begin(pid_t process, std::string text) {
+  void Begin(pid_t process, const std::string& text) {
     TracedCall call{.process = process, .name = text.substr(0, text.find('(')), .text = text};
     if (text.ends_with(kUnfinished)) {
       call.text.resize(text.size() - kUnfinished.size());
