@@ -102,7 +102,8 @@ void CheckLogout(const HttpAnswer& answer) {
 
 // Whether the answer has the member, of whatever type, and it is not empty.
 bool IsFilled(const Json::Value& answer, const char* name) {
-  return answer.isMember(name) && !answer[name].isNull() && answer[name] != "";
+  const Json::Value& member = answer[name];
+  return !member.isNull() && !(member.isString() && member.asString().empty());
 }
 
 // Empty when the record has none or cannot be read.
