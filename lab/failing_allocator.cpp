@@ -53,9 +53,9 @@ Function* Next(const char* name) {
 // (FNV-1a) of the places on the stack, relative to the beginnings of their libraries.
 unsigned long HashOfStack() {
   std::array<void*, kMostFrames> frames{};
-  const int depth = backtrace(frames.data(), kMostFrames);
+  const auto depth = static_cast<std::size_t>(backtrace(frames.data(), kMostFrames));
   unsigned long hash = 0xcbf29ce484222325;
-  for (int i = 0; i < depth; ++i) {
+  for (std::size_t i = 0; i < depth; ++i) {
     dl_find_object object{};
     const bool found = _dl_find_object(frames.at(i), &object) == 0;
     const char* base = found ? static_cast<char*>(object.dlfo_map_start) : nullptr;
