@@ -61,7 +61,7 @@ bool LockWatch::Read() {
 
 std::optional<std::string> LockWatch::BusyLock() {
   for (std::size_t end = 0; (end = unread_.find('\n')) != std::string::npos;) {
-    const auto file = FileOf(unread_.substr(0, end));
+    auto file = FileOf(unread_.substr(0, end));
     unread_.erase(0, end + 1);
     if (file) return file;
   }
@@ -76,7 +76,7 @@ std::optional<std::string> LockWatch::WaitForBusyLock(pid_t process) {
     if (poll(watched.data(), watched.size(), -1) < 0 && errno != EINTR) return std::nullopt;
     while (Read()) {
     }
-    if (const auto file = BusyLock()) return file;
+    if (auto file = BusyLock()) return file;
     if (watched[1].revents != 0) return std::nullopt;
   }
 }
