@@ -123,6 +123,8 @@ struct Place {
   unsigned number = 0;
   std::string program;
 
+  // It takes the 0 of the compiler's own comparison for a pointer.
+  // NOLINTNEXTLINE(modernize-use-nullptr)
   auto operator<=>(const Place&) const = default;
   [[nodiscard]] std::string Text() const {
     return call + " " + (program.empty() ? std::to_string(number) : program);
@@ -211,6 +213,11 @@ class Numbering {
 
 // --- What a disturbed run shows. ---
 
+std::string ChangeText(const std::string& what, const std::string& start,
+                       const std::string& value) {
+  return " " + what + " " + value + " instead of " + start;
+}
+
 // The umask and the effective ids of each process when it ended, against those that it was started
 // with, or that it had when one of its calls to change them failed: from then on it keeps those.
 class Identities {
@@ -225,7 +232,7 @@ class Identities {
     for (const auto& [process, now] : now_) {
       for (const auto& [what, value] : now) {
         const std::string& start = start_[process][what];
-        if (value != start) changed += " " + what + " " + value + " instead of " + start;
+        if (value != start) changed += ChangeText(what, start, value);
       }
     }
     return changed;
