@@ -170,7 +170,7 @@ class LockFiles : public ManyAtOnce {
 };
 
 TEST_F(LockFiles, AnotherUsersFileServes) {
-  for (const mode_t mode : {0666, 0644, 0600}) {
+  for (const mode_t mode : {0666U, 0644U, 0600U}) {
     unlink(kQueryLock);
     test_files::Write(kQueryLock, "", mode);
     if (chown(kQueryLock, 1026, 100) != 0) {
