@@ -15,7 +15,7 @@ class SignInTest : public PlatformTest {
   // The code that an address with the query `query` brings back; the failure's code when none.
   static std::string CodeIn(const std::string& query) {
     try {
-      return ReadCode("https://device.example/callback?" + query, {"", "", "abc"});
+      return ReadCode("https://device.example/callback?" + query, {{"", ""}, "abc"});
     } catch (const nodelink::ZomiException& failure) {
       return std::to_string(failure.code());
     }
@@ -26,7 +26,7 @@ TEST_F(SignInTest, EveryCharacterButTheUnreservedIsEscapedInTheAddress) {
   Json::Value config;
   config["auth_endpoint"] = "https://identity.example/authorize";
   config["client_id"] = "aZ09-._~ +&=%/:\xc3\xa4";
-  EXPECT_EQ(SignInAddress(config, {"challenge", "verifier", "state"}),
+  EXPECT_EQ(SignInAddress(config, {{"challenge", "verifier"}, "state"}),
             "https://identity.example/authorize?response_type=code&client_id="
             "aZ09-._~%20%2B%26%3D%25%2F%3A%C3%A4&redirect_uri=&scope=&audience="
             "&code_challenge=challenge&code_challenge_method=S256&state=state");
