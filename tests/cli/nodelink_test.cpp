@@ -16,13 +16,11 @@
 #include "core/error_code.h"
 #include "core/zomi_exception.h"
 #include "pkce/pkce_config.h"
+#include "tests/cli/usage.h"
 #include "tests/support/platform_fixture.h"
 #include "tests/support/test_name.h"
 
-namespace nodelink {
-namespace {
-
-constexpr char kUsage[] =
+const char* const kUsage =
     "Usage: nodelink (Version 25556)\n"
     "  -r, --report_info      Report HS version info to Veltrix\n"
     "  -n, --notify_logout    Notify user zomi is logged out\n"
@@ -31,6 +29,9 @@ constexpr char kUsage[] =
     "  -l, --logout           Logout user account\n"
     "  -u, --update           Update crond job\n"
     "  -h, --help             Show help\n";
+
+namespace nodelink {
+namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;

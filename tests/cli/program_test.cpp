@@ -6,6 +6,7 @@
 
 #include "lab/process.h"
 #include "lab/users.h"
+#include "tests/cli/usage.h"
 #include "tests/support/child.h"
 #include "tests/support/platform_fixture.h"
 
@@ -20,10 +21,6 @@ class ProgramTest : public PlatformTest {
                                      const lab::ProcessOptions& how = {}) {
     options.insert(options.begin(), "/usr/kivo/bin/nodelink");
     return lab::RunProcess(options, how);
-  }
-
-  static bool IsUsage(const std::string& text) {
-    return text.starts_with("Usage: nodelink (Version 25556)\n") && text.ends_with("Show help\n");
   }
 
   static void WriteFreshRecord() {
@@ -42,7 +39,7 @@ TEST_F(ProgramTest, WithoutAnythingToDoPrintsTheUsage) {
   for (const std::vector<std::string>& options :
        std::vector<std::vector<std::string>>{{}, {"-h"}, {"--help"}, {"-c"}, {"word"}, {"--"}}) {
     const lab::ProcessResult result = Nodelink(options);
-    EXPECT_TRUE(IsUsage(result.out)) << result.out;
+    EXPECT_EQ(result.out, kUsage);
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.exit_status, 0);
   }
@@ -50,7 +47,7 @@ TEST_F(ProgramTest, WithoutAnythingToDoPrintsTheUsage) {
 
 TEST_F(ProgramTest, UnknownOptionIsComplainedOfAndThenIgnored) {
   const lab::ProcessResult result = Nodelink({"--bogus"});
-  EXPECT_TRUE(IsUsage(result.out)) << result.out;
+  EXPECT_EQ(result.out, kUsage);
   EXPECT_EQ(result.err, "/usr/kivo/bin/nodelink: unrecognized option '--bogus'\n");
   EXPECT_EQ(result.exit_status, 0);
 }

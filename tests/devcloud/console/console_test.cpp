@@ -169,10 +169,26 @@ TEST_F(ConsoleTest, WebPagesOfStrangersAreKeptOut) {
   EXPECT_EQ(SendForm("requests", form, {"Origin: " + cloud_.control().Url()}).status, 303);
 }
 
+// Four for each path that a device or its browser asks for, and for all of them.
+std::vector<std::string> KnownSwitches() {
+  std::vector<std::string> switches;
+  for (const char* kind : {"error-", "lost-", "half-", "late-"}) {
+    for (const char* path :
+         {"/device/api/user/query", "/device/api/report", "/device/api/password_login",
+          "/device/api/logout", "/cloudservice/api/v1/apikey/register",
+          "/oauth2/api/v1/device/core/authkey/exchange",
+          "/migration/api/v1/device/core/authorization_code/grant", "/oauth2/v1/authorize",
+          "/oauth2/v1/token", "/oauth2/v1/end_session", "*"}) {
+      switches.push_back(kind + std::string(path));
+    }
+  }
+  return switches;
+}
+
 TEST_F(ConsoleTest, EachSwitchSetsAndClearsItsFault) {
   const std::vector<std::string> switches = Switches();
-  EXPECT_THAT(switches, IsSupersetOf({"error-/device/api/user/query", "lost-/device/api/logout",
-                                      "half-/oauth2/v1/token", "late-*"}));
+  EXPECT_THAT(switches, IsSupersetOf(KnownSwitches()));
+  EXPECT_EQ(switches.size() % 4, 0U) << "each path has all four";
   std::set<std::string> rules;
   for (const std::string& value : switches) {
     const ClientAnswer on = Submit("faults", {{"action", "switch"}, {"on", value}});
